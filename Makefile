@@ -1,0 +1,32 @@
+# The two everyday commands:
+#   make run    builds everything and starts Corvane
+#   make test   builds everything and runs every test
+BUILD ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: all deps configure build run test screenshot clean
+
+all: build
+
+deps:
+	scripts/deps.sh $(BUILD)
+
+configure: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	$(BUILD)/bin/corvane
+
+test: build
+	ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure --timeout 600
+
+# A picture of the window as it starts now, drawn without a display.
+screenshot: build
+	QT_QPA_PLATFORM=offscreen $(BUILD)/bin/corvane --screenshot $(BUILD)/corvane.png
+	@echo "saved $(BUILD)/corvane.png"
+
+clean:
+	rm -rf $(BUILD)

@@ -1,0 +1,59 @@
+#include "app/app_model.h"
+#include "app_model_singleton.h"
+#include "platform/error.h"
+#include "platform/termination_signals.h"
+#include "window_capture.h"
+
+#include <QCommandLineParser>
+#include <QGuiApplication>
+#include <QQmlApplicationEngine>
+#include <QQmlExtensionPlugin>
+
+#include <memory>
+
+Q_IMPORT_QML_PLUGIN(CorvanePlugin)
+
+int main(int argc, char *argv[])
+{
+    QGuiApplication app(argc, argv);
+    QGuiApplication::setApplicationName(QStringLiteral("Corvane"));
+    QGuiApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
+    QGuiApplication::setDesktopFileName(QStringLiteral("corvane"));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Private AI chat with local models"));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption screenshot(QStringLiteral("screenshot"),
+        QStringLiteral("Save a picture of the window to <file> once it is drawn, then quit."),
+        QStringLiteral("file"));
+    parser.addOption(screenshot);
+    parser.process(app);
+
+    TerminationSignals terminationSignals;
+    QQmlApplicationEngine engine;
+    QObject::connect(&engine, &QQmlApplicationEngine::objectCreationFailed, &app,
+                     [] { QCoreApplication::exit(1); }, Qt::QueuedConnection);
+
+    std::unique_ptr<AppModel> model;
+    try {
+        model = std::make_unique<AppModel>();
+    } catch (const CorvaneError &error) {
+        const QString message = QStringLiteral("Could not open local storage: ") + error.description();
+        qCritical().noquote() << message;
+        engine.setInitialProperties({{QStringLiteral("message"), message}});
+        engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/StartupFailure.qml")));
+        if (parser.isSet(screenshot))
+            captureFirstWindowAndQuit(engine, parser.value(screenshot));
+        app.exec();
+        return 1;
+    }
+
+    AppModelSingleton::instance = model.get();
+    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
+    if (engine.rootObjects().isEmpty())
+        return 1;
+    if (parser.isSet(screenshot))
+        captureFirstWindowAndQuit(engine, parser.value(screenshot));
+    return app.exec();
+}

@@ -1,0 +1,123 @@
+// The window as a new user first sees it: titled Corvane, showing the set-up screen's texts
+// while no chat model is installed. A picture of it is saved under build/test-output/.
+#include "app/app_model.h"
+#include "app_model_singleton.h"
+
+#include <QDir>
+#include <QGuiApplication>
+#include <QImage>
+#include <QQmlApplicationEngine>
+#include <QQmlExtensionPlugin>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
+
+Q_IMPORT_QML_PLUGIN(CorvanePlugin)
+
+namespace {
+
+// Items that a Loader creates are reachable through the visual tree, not QObject children.
+QQuickItem *findItem(QQuickItem *root, const QString &objectName)
+{
+    if (root->objectName() == objectName)
+        return root;
+    for (QQuickItem *child : root->childItems())
+        if (QQuickItem *found = findItem(child, objectName))
+            return found;
+    return nullptr;
+}
+
+} // namespace
+
+class TestFirstRunWindow : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Any QML warning is a fault in the window.
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
+        QVERIFY(m_data.isValid());
+        qputenv("CORVANE_DATA_DIR", m_data.filePath(QStringLiteral("Corvane")).toUtf8());
+        m_model = std::make_unique<AppModel>();
+        AppModelSingleton::instance = m_model.get();
+        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
+        QCOMPARE(m_engine.rootObjects().size(), 1);
+        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
+        QVERIFY(m_window);
+        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+    }
+
+    void createsTheDataDirectory()
+    {
+        QVERIFY(QFileInfo(m_data.filePath(QStringLiteral("Corvane"))).isDir());
+        QCOMPARE(m_model->supportDirectory(), m_data.filePath(QStringLiteral("Corvane")));
+    }
+
+    void showsTheFirstRunTexts_data()
+    {
+        QTest::addColumn<QString>("objectName");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("title") << "firstRunTitle" << "Welcome to Corvane";
+        QTest::newRow("introduction")
+            << "firstRunIntro"
+            << "Corvane runs entirely on your computer, so your chats stay private. Download a chat "
+               "model to get started. After that, everything works offline.";
+        QTest::newRow("model advice")
+            << "firstRunModels"
+            << "Smaller chat models reply faster; larger ones write better but need more memory. Each "
+               "chat model can also read images. Dictation turns your voice into text. You can change "
+               "models later in Settings.";
+    }
+
+    void showsTheFirstRunTexts()
+    {
+        QFETCH(QString, objectName);
+        QFETCH(QString, text);
+        QCOMPARE(m_window->title(), QStringLiteral("Corvane"));
+        QQuickItem *item = findItem(m_window->contentItem(), objectName);
+        QVERIFY2(item, qPrintable(objectName));
+        QCOMPARE(item->property("text").toString(), text);
+        QVERIFY(item->isVisible());
+        QVERIFY(item->width() > 0 && item->height() > 0);
+    }
+
+    void savesAPictureThatShowsText()
+    {
+        const QImage image = m_window->grabWindow();
+        QVERIFY(!image.isNull());
+        QVERIFY(QDir().mkpath(QStringLiteral(CORVANE_TEST_OUTPUT_DIR)));
+        QVERIFY(image.save(QStringLiteral(CORVANE_TEST_OUTPUT_DIR "/first-run.png")));
+        // Text was drawn: dark pixels on the light window background.
+        int dark = 0;
+        for (int y = 0; y < image.height(); y += 2)
+            for (int x = 0; x < image.width(); x += 2)
+                dark += qGray(image.pixel(x, y)) < 100;
+        QVERIFY2(dark > 200, qPrintable(QString::number(dark)));
+    }
+
+    void closingTheWindowEndsTheApplication()
+    {
+        // Runs the application's own event loop, as main() does: closing the last window
+        // must end it with status 0. The guard ends it with 1 if closing does not.
+        QTimer::singleShot(0, m_window, [this] { m_window->close(); });
+        QTimer guard;
+        guard.setSingleShot(true);
+        connect(&guard, &QTimer::timeout, qApp, [] { QCoreApplication::exit(1); });
+        guard.start(10000);
+        QCOMPARE(QGuiApplication::exec(), 0);
+        QVERIFY(!m_window->isVisible());
+    }
+
+private:
+    QTemporaryDir m_data;
+    std::unique_ptr<AppModel> m_model;
+    QQmlApplicationEngine m_engine;
+    QQuickWindow *m_window = nullptr;
+};
+
+QTEST_MAIN(TestFirstRunWindow)
+#include "tst_first_run_window.moc"
