@@ -4,7 +4,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test screenshot clean
+.PHONY: all deps configure build run test screenshot bench clean
 
 all: build
 
@@ -30,3 +30,9 @@ screenshot: build
 
 clean:
 	rm -rf $(BUILD)
+
+# Every benchmark, one after the other; see docs/performance.md.
+bench: build
+	@for b in $(BUILD)/bench/*; do \
+	  if [ -f "$$b" ] && [ -x "$$b" ]; then echo "== $$b"; "$$b" || exit 1; fi; \
+	done

@@ -1,16 +1,161 @@
 #include "app/app_model.h"
 
 #include "app/app_paths.h"
+#include "app/settings_rules.h"
+#include "storage/database.h"
 
 AppModel::AppModel(QObject *parent)
     : QObject(parent)
-    , m_supportDirectory(AppPaths::supportDirectory())
+    // 1. Every field takes its default.
+    , m_globalPrompt(Settings::defaultGlobalPrompt)
+    , m_globalAgentName(Settings::defaultAgentName)
+    , m_temperature(Settings::defaultTemperature)
+    , m_maxResponseTokens(Settings::defaultMaxResponseTokens)
+    , m_contextTokens(Settings::defaultContextTokens)
+    , m_selectedModelID(Settings::defaultModelID)
+    , m_selectedWhisperModelID(Settings::defaultWhisperModelID)
 {
+    for (auto signal : {&AppModel::statusChanged, &AppModel::activityChanged,
+                        &AppModel::installedModelsChanged, &AppModel::settingsChanged})
+        connect(this, signal, this, &AppModel::readinessChanged);
+
+    // 2. The inference and speech engines are created here, before anything can fail.
+
+    // 3. The database; a failure ends start-up.
+    m_supportDirectory = AppPaths::supportDirectory();
+    m_database = std::make_unique<Database>(m_supportDirectory + QStringLiteral("/chats.sqlite"));
+
+    // 4. The stores and their folders: models, the script library, images.
+    m_modelsDirectory = AppPaths::directory(QStringLiteral("Models"));
+    m_imagesDirectory = AppPaths::directory(QStringLiteral("Images"));
+
+    // 5. Stored settings, each checked against its accepted values.
+    readSettings();
+
+    // 6. The tree and the first chat that is not sealed; script timers and auto-lock start
+    //    once those subsystems are connected.
+    reload();
+    selectFirstOpenChat();
+}
+
+AppModel::~AppModel() = default;
+
+bool AppModel::isBusy() const
+{
+    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value();
+}
+
+Readiness::Value AppModel::readiness() const
+{
+    return Readiness::of({
+        .statusIsError = m_statusIsError,
+        .isBusy = isBusy(),
+        .hasLanguageModel = hasChatModel(),
+        // The set-up is complete when the selected chat model, its vision projector and
+        // the selected dictation model are installed; none can be before the first chat
+        // model is.
+        .modelsMissing = !hasChatModel(),
+    });
 }
 
 bool AppModel::hasChatModel() const
 {
+    return !installedChatModelIDs().isEmpty();
+}
+
+QStringList AppModel::installedChatModelIDs() const
+{
     // Models are installed only through the model store, which this build does not carry
     // yet, so no chat model can be present.
-    return false;
+    return {};
+}
+
+QStringList AppModel::installedTranscriptionModelIDs() const
+{
+    return {};
+}
+
+QStringList AppModel::availableVoiceIDs() const
+{
+    // The speech engine lists the system's voices; without it only the default voice
+    // (the empty id) can be chosen.
+    return {};
+}
+
+void AppModel::reload(bool withMessages)
+{
+    try {
+        QList<Node> nodes = m_database->nodes();
+        QList<Chat> chats = m_database->chats();
+        m_nodes = std::move(nodes);
+        m_chats = std::move(chats);
+    } catch (const std::exception &error) {
+        showError(error);
+        return;
+    }
+    // A selection whose row is gone is dropped rather than left pointing at nothing.
+    const bool chatGone = m_selectedChatID
+        && std::ranges::none_of(m_chats, [this](const Chat &c) { return c.id == *m_selectedChatID; });
+    const bool nodeGone = m_selectedNodeID
+        && std::ranges::none_of(m_nodes, [this](const Node &n) { return n.id == *m_selectedNodeID; });
+    if (chatGone) {
+        m_selectedChatID.reset();
+        m_messages.clear();
+        Q_EMIT messagesChanged();
+    }
+    if (nodeGone)
+        m_selectedNodeID.reset();
+    Q_EMIT treeChanged();
+    if (chatGone || nodeGone)
+        Q_EMIT selectionChanged();
+    if (withMessages && !chatGone)
+        loadMessages();
+}
+
+void AppModel::selectFirstOpenChat()
+{
+    const auto first = std::ranges::find_if(m_chats, [](const Chat &c) { return !c.isSealed; });
+    if (first == m_chats.end())
+        return;
+    m_selectedChatID = first->id;
+    m_selectedNodeID = first->nodeID;
+    Q_EMIT selectionChanged();
+    loadMessages();
+}
+
+void AppModel::loadMessages()
+{
+    if (!m_selectedChatID) {
+        m_messages.clear();
+        Q_EMIT messagesChanged();
+        return;
+    }
+    try {
+        m_messages = m_database->messages(*m_selectedChatID);
+        Q_EMIT messagesChanged();
+    } catch (const std::exception &error) {
+        showError(error);
+    }
+}
+
+void AppModel::setStatus(const QString &text, bool isError)
+{
+    if (m_status == text && m_statusIsError == isError)
+        return;
+    m_status = text;
+    m_statusIsError = isError;
+    Q_EMIT statusChanged();
+}
+
+void AppModel::showError(const CorvaneError &error)
+{
+    setStatus(error.description(), true);
+}
+
+void AppModel::showError(const std::exception &error)
+{
+    if (const auto *known = dynamic_cast<const CorvaneError *>(&error))
+        showError(*known);
+    else
+        setStatus(QString::fromUtf8(error.what()), true);
 }

@@ -1,0 +1,71 @@
+// Erasing all data: the settings screen's last resort, after the user confirmed.
+#include "app/app_model.h"
+
+#include "app/app_paths.h"
+#include "app/settings_rules.h"
+#include "storage/database.h"
+
+bool AppModel::eraseAllData()
+{
+    if (isBusy())
+        return false;
+    try {
+        eraseAllDataOrThrow();
+    } catch (const std::exception &error) {
+        showError(error);
+        return false;
+    }
+    return true;
+}
+
+void AppModel::eraseAllDataOrThrow()
+{
+    // Background work stops first: compaction is cancelled, the inference server shut down
+    // and speech silenced, so that nothing writes while files and rows go.
+
+    // Files: models, then the script library (which gets its example script back), then
+    // the images with their cache. The first failure stops here; what is gone stays gone.
+    AppPaths::removeContents(m_modelsDirectory);
+    AppPaths::removeContents(m_imagesDirectory);
+
+    // Rows: all of them in one transaction, then the file is compacted so that no freed
+    // page keeps old text.
+    Database &db = *m_database;
+    db.execute(QStringLiteral("BEGIN IMMEDIATE"));
+    try {
+        db.clearAllData();
+        db.execute(QStringLiteral("COMMIT"));
+    } catch (...) {
+        try {
+            db.execute(QStringLiteral("ROLLBACK"));
+        } catch (...) {
+        }
+        throw;
+    }
+    db.execute(QStringLiteral("VACUUM"));
+    db.execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
+
+    // The model starts over. Unlike a first start, no model or voice is selected: none is
+    // installed any more.
+    m_selectedChatID.reset();
+    m_selectedNodeID.reset();
+    m_messages.clear();
+    m_globalPrompt = Settings::defaultGlobalPrompt;
+    m_globalAgentName = Settings::defaultAgentName;
+    m_temperature = Settings::defaultTemperature;
+    m_maxResponseTokens = Settings::defaultMaxResponseTokens;
+    m_contextTokens = Settings::defaultContextTokens;
+    m_selectedModelID.clear();
+    m_selectedWhisperModelID.clear();
+    m_selectedVoiceID.clear();
+    Q_EMIT settingsChanged();
+    Q_EMIT messagesChanged();
+    Q_EMIT selectionChanged();
+
+    reload();
+    if (!m_nodes.isEmpty()) {
+        m_selectedNodeID = m_nodes.first().id;
+        Q_EMIT selectionChanged();
+    }
+    setStatus(QStringLiteral("All Corvane data erased"), false);
+}

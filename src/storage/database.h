@@ -1,0 +1,153 @@
+#pragma once
+
+#include "storage/records.h"
+#include "vault/vault_key.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+struct sqlite3;
+
+/// The SQLite file that holds every folder, chat, message and setting, and the one object
+/// through which the application reads and writes it. Sealed columns (those of chats in
+/// locked folders) are encrypted and decrypted here, so callers always see plain records.
+///
+/// Used from the main thread only. SQLite failures throw DatabaseError; reading or writing a
+/// sealed value while no vault key is held throws VaultError::locked(); a sealed value that
+/// fails authentication throws SealedBoxError.
+class Database
+{
+public:
+    struct Options
+    {
+        /// Indexes on the foreign-key columns `messages.chat_id`, `chats.node_id` and
+        /// `nodes.parent_id`. Without them every cascade delete and every chat load scans
+        /// whole tables. The application always uses the default; turning them off exists
+        /// only so that benchmarks can measure what they buy.
+        bool foreignKeyIndexes = true;
+    };
+
+    /// Opens (creating when missing) the database at `filePath` and brings it up to date:
+    /// connection settings, schema, column migrations, search index, a first "Inbox" folder.
+    /// Throws DatabaseError; a failure at any step leaves nothing open.
+    explicit Database(const QString &filePath);
+    Database(const QString &filePath, Options options);
+    ~Database();
+
+    Database(const Database &) = delete;
+    Database &operator=(const Database &) = delete;
+
+    /// The connection, for tests and benchmarks that look beneath this class.
+    sqlite3 *handle() const { return m_connection.get(); }
+
+    /// The vault key while locked folders are open; absent otherwise.
+    const std::optional<VaultKey> &vaultKey() const { return m_vaultKey; }
+    bool hasVaultKey() const { return m_vaultKey.has_value(); }
+    void setVaultKey(std::optional<VaultKey> key) { m_vaultKey = std::move(key); }
+
+    // Statements ---------------------------------------------------------------------------
+
+    /// Runs one statement with `args` bound to its "?" parameters. A text with a ";" and no
+    /// arguments runs as a script, every statement in turn. A statement that returns rows is
+    /// an error here: queries go through the typed reads below.
+    void execute(const QString &sql, const QList<DBValue> &args = {});
+
+    // Settings -----------------------------------------------------------------------------
+
+    /// The stored value, or absent when the key has no row (never the empty string for that).
+    std::optional<QString> setting(const QString &key);
+    /// Stores `value` under `key`, replacing an earlier value.
+    void setSetting(const QString &key, const QString &value);
+
+    // Reads --------------------------------------------------------------------------------
+
+    /// All folders, oldest first. Sealed texts that cannot be decrypted (no key, damaged)
+    /// read as the empty string; the rows are still returned.
+    QList<Node> nodes();
+    /// All chats, newest first, with the same treatment of sealed texts as `nodes()`.
+    QList<Chat> chats();
+    /// The chat's messages in the order they were added; empty for an unknown chat.
+    QList<Message> messages(qint64 chatID);
+    bool hasMessages(qint64 chatID);
+    /// Every attached image file name.
+    QStringList imageNames();
+    /// Image file names of sealed (true) or plain (false) chats.
+    QStringList imageNames(bool sealed);
+
+    /// Chats whose title contains `term`, then messages whose shown text or image
+    /// description contains `term` as a phrase, best first. Plain chats only.
+    QList<SearchHit> search(const QString &term);
+
+    // Writes -------------------------------------------------------------------------------
+
+    /// Adds a folder (kind "folder") or other node; it inherits the parent's sealed state.
+    /// Returns the new id.
+    qint64 addNode(std::optional<qint64> parentID, const QString &kind, const QString &name);
+    /// Adds a chat to a folder; it inherits the folder's sealed state. Returns the new id.
+    qint64 addChat(qint64 nodeID, const QString &title);
+    void renameNode(qint64 nodeID, const QString &name);
+    void setNodePrompt(qint64 nodeID, const QString &prompt);
+    void setNodeAgentName(qint64 nodeID, const QString &agentName);
+
+    /// Sets text columns of a chat (sealed with the chat's state) and then `extra` columns
+    /// (bound as given) in one UPDATE. Column names must come from fixed lists.
+    void setChatFields(const QList<std::pair<QString, QString>> &texts,
+                       const QList<std::pair<QString, DBValue>> &extra, qint64 chatID);
+    void setChatSummary(const QString &text, qint64 throughID, qint64 chatID);
+    /// The chat's summary and the id of the last message it covers (0 when none).
+    std::pair<QString, qint64> chatSummary(qint64 chatID);
+
+    /// Saves a script's state for a chat, marked with the fingerprint of the script source.
+    void setCartridgeState(const QString &state, const QString &source, qint64 chatID);
+    /// The chat's saved script state when `source` wrote it (or it carries no owner);
+    /// the empty string when another script wrote it.
+    QString cartridgeState(const QString &source, qint64 chatID);
+
+    /// Moves a chat to another folder, re-encrypting it when the folder's sealed state
+    /// differs. All or nothing: a failure leaves the database as it was.
+    void moveChat(qint64 chatID, qint64 nodeID);
+
+    /// Deletes everything and leaves only an empty "Inbox" folder. The caller wraps it in a
+    /// transaction.
+    void clearAllData();
+
+    // Sealed storage -----------------------------------------------------------------------
+
+    bool isChatSealed(qint64 chatID);
+    bool isNodeSealed(qint64 nodeID);
+    bool isMessageSealed(qint64 messageID);
+
+    /// One text column of one row, decrypted when `sealed`; the empty string when there is
+    /// no such row. `table` and `column` must come from fixed lists.
+    QString field(const QString &table, const QString &column, qint64 id, bool sealed);
+
+    /// `text` in its stored form: unchanged when not `sealed` or empty, otherwise the base64
+    /// text of its sealed box under the vault key.
+    QString seal(const QString &text, bool sealed);
+    /// The plain text of a stored value. Text that is not base64 reveals as the empty string.
+    QString reveal(const QString &text, bool sealed);
+    /// Re-encrypts the listed columns of one row from one sealed state to another.
+    void reseal(const QString &table, qint64 id, const QStringList &columns, bool from, bool to);
+    /// Gives a chat and all its messages the sealed state `to`; the search index follows.
+    void resealChat(qint64 chatID, bool to);
+
+private:
+    struct Closer
+    {
+        void operator()(sqlite3 *connection) const;
+    };
+
+    void open(const QString &filePath);
+    void migrate();
+    void createSearchIndex();
+    bool flag(const QString &sql, qint64 id);
+    QString revealOrEmpty(const QString &text, bool sealed);
+
+    std::unique_ptr<sqlite3, Closer> m_connection;
+    std::optional<VaultKey> m_vaultKey;
+};

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "platform/error.h"
+
+struct sqlite3;
+
+/// A failure reported by SQLite: its result code and its own message, which is what the
+/// user sees.
+class DatabaseError : public CorvaneError
+{
+public:
+    DatabaseError(int code, QString message)
+        : CorvaneError(std::move(message))
+        , m_code(code)
+    {
+    }
+
+    /// The connection's latest error (`sqlite3_errcode`, `sqlite3_errmsg`). Call it before
+    /// anything else touches the connection, or the error is overwritten.
+    static DatabaseError fromConnection(sqlite3 *connection);
+
+    /// The error domain shared by every SQLite failure.
+    static QString domain() { return QStringLiteral("Corvane.SQLite"); }
+
+    /// SQLite's primary result code, for example 14 (SQLITE_CANTOPEN).
+    int code() const noexcept { return m_code; }
+
+private:
+    int m_code;
+};

@@ -1,0 +1,88 @@
+#pragma once
+
+// Looks beneath Database with SQLite's own API, so that tests check what is really stored.
+#include "storage/database.h"
+
+#include <QStringList>
+
+#include <sqlite3.h>
+
+namespace SqlProbe {
+
+/// Every row of `sql`, its columns joined by "|"; NULL reads "NULL", blobs as hex.
+inline QStringList rows(sqlite3 *db, const QString &sql)
+{
+    QStringList result;
+    sqlite3_stmt *statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &statement, nullptr) != SQLITE_OK)
+        return {QStringLiteral("error: ") + QString::fromUtf8(sqlite3_errmsg(db))};
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        QStringList columns;
+        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+            const QByteArray bytes(static_cast<const char *>(sqlite3_column_blob(statement, i)),
+                                   sqlite3_column_bytes(statement, i));
+            const int type = sqlite3_column_type(statement, i);
+            columns << (type == SQLITE_NULL ? QStringLiteral("NULL")
+                        : type == SQLITE_BLOB ? QString::fromLatin1(bytes.toHex())
+                                              : QString::fromUtf8(bytes));
+        }
+        result << columns.join(QLatin1Char('|'));
+    }
+    sqlite3_finalize(statement);
+    return result;
+}
+
+/// The first row of `sql`, or "" when there is none.
+inline QString value(sqlite3 *db, const QString &sql)
+{
+    return rows(db, sql).value(0);
+}
+
+/// Every schema entry and every row of every table, the search index's own tables included.
+inline QStringList dump(sqlite3 *db)
+{
+    QStringList result = rows(db, QStringLiteral("SELECT type, name, sql FROM sqlite_master ORDER BY name"));
+    for (const QString &table : rows(db, QStringLiteral("SELECT name FROM sqlite_master WHERE type='table' ORDER BY name")))
+        result << QStringLiteral("== ") + table << rows(db, QStringLiteral("SELECT * FROM \"%1\"").arg(table));
+    return result;
+}
+
+/// Inserts a message the way the application does, sealing its texts when the chat is sealed.
+inline qint64 addMessage(Database &db, qint64 chatID, const QString &body, bool hidden = false,
+                         const QString &display = {})
+{
+    const bool sealed = db.isChatSealed(chatID);
+    db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) VALUES(?,?,?,?,?,?,?,?,?)"),
+               {DBValue::integer(chatID), DBValue::text(QStringLiteral("user")), DBValue::text(db.seal(body, sealed)),
+                DBValue::text(QStringLiteral("2026-11-15T20:20:44Z")), DBValue::text(db.seal(QStringLiteral("{}"), sealed)),
+                DBValue::text(QString()), DBValue::text(db.seal(display, sealed)), DBValue::flag(hidden),
+                DBValue::text(QString())});
+    return sqlite3_last_insert_rowid(db.handle());
+}
+
+/// Records the text of every statement a connection runs while it lives (not those that
+/// triggers run).
+class StatementLog
+{
+public:
+    explicit StatementLog(sqlite3 *db) : m_db(db) { sqlite3_trace_v2(db, SQLITE_TRACE_STMT, &record, this); }
+    ~StatementLog() { sqlite3_trace_v2(m_db, 0, nullptr, nullptr); }
+    StatementLog(const StatementLog &) = delete;
+    StatementLog &operator=(const StatementLog &) = delete;
+
+    const QStringList &statements() const { return m_statements; }
+
+private:
+    static int record(unsigned, void *context, void *, void *text)
+    {
+        const QString sql = QString::fromUtf8(static_cast<const char *>(text));
+        if (!sql.startsWith(QStringLiteral("--")))
+            static_cast<StatementLog *>(context)->m_statements << sql;
+        return 0;
+    }
+
+    sqlite3 *m_db;
+    QStringList m_statements;
+};
+
+} // namespace SqlProbe

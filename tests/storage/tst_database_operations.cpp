@@ -1,0 +1,169 @@
+// Reads, writes, deletes and search on plain (unlocked) data.
+#include "sql_probe.h"
+
+#include "vault/fingerprint.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+using namespace SqlProbe;
+
+class TestDatabaseOperations : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<Database> m_db;
+    int m_count = 0;
+
+    QStringList query(const QString &sql) const { return rows(m_db->handle(), sql); }
+
+private Q_SLOTS:
+    void init() { m_db = std::make_unique<Database>(m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count))); }
+    void cleanup() { m_db.reset(); }
+
+    void settings()
+    {
+        QCOMPARE(m_db->setting("unknown"), std::nullopt);
+        m_db->setSetting("empty", "");
+        QCOMPARE(m_db->setting("empty"), std::optional<QString>(""));
+        m_db->setSetting("theme", "light");
+        m_db->setSetting("theme", "dark");
+        QCOMPARE(query("SELECT * FROM settings ORDER BY key"), QStringList({"empty|", "theme|dark"}));
+    }
+
+    void deletingAFolderRemovesEverythingBelowIt()
+    {
+        const qint64 doomed = m_db->addNode(std::nullopt, "folder", "Doomed");
+        const qint64 sub = m_db->addNode(doomed, "folder", "Sub");
+        for (qint64 folder : {doomed, sub, m_db->addNode(sub, "folder", "Deeper")})
+            addMessage(*m_db, m_db->addChat(folder, "Gone"), "needle gone");
+        addMessage(*m_db, m_db->addChat(1, "Kept"), "needle kept");
+
+        m_db->execute("DELETE FROM nodes WHERE id=?", {DBValue::integer(doomed)});
+
+        QCOMPARE(query("SELECT name FROM nodes"), QStringList({"Inbox"}));
+        QCOMPARE(query("SELECT title FROM chats"), QStringList({"Kept"}));
+        QCOMPARE(query("SELECT body FROM messages"), QStringList({"needle kept"}));
+        QCOMPARE(query("SELECT text FROM message_search"), QStringList({"needle kept"}));
+    }
+
+    void chatsAndMessagesReadBack()
+    {
+        const qint64 older = m_db->addChat(1, "First");
+        const qint64 newer = m_db->addChat(1, "Second");
+        const qint64 a = addMessage(*m_db, older, "one");
+        const qint64 b = addMessage(*m_db, older, "two", true, "shown");
+        QCOMPARE(m_db->chats().first().id, newer);
+        QVERIFY(!m_db->chats().first().cartridgeFolderID.has_value());
+        const QList<Message> messages = m_db->messages(older);
+        QCOMPARE(messages.size(), 2);
+        QVERIFY(messages[0].id == a && messages[1].id == b && messages[1].hidden);
+        QCOMPARE(messages[1].display, "shown");
+        QVERIFY(m_db->hasMessages(older) && !m_db->hasMessages(newer));
+        QVERIFY(m_db->messages(12345).isEmpty());
+    }
+
+    void setChatFieldsIsOneUpdate()
+    {
+        const qint64 chat = m_db->addChat(1, "Long");
+        {
+            StatementLog log(m_db->handle());
+            m_db->setChatSummary("They met.", 42, chat);
+            QCOMPARE(log.statements().filter("UPDATE"), QStringList({"UPDATE chats SET summary=?, summary_through_id=? WHERE id=?"}));
+        }
+        QCOMPARE(m_db->chatSummary(chat), std::make_pair(QString("They met."), qint64(42)));
+        QCOMPARE(m_db->chatSummary(999), std::make_pair(QString(), qint64(0)));
+    }
+
+    void cartridgeStateBelongsToItsScript_data()
+    {
+        QTest::addColumn<QString>("owner"); // stored in cartridge_state_for
+        QTest::addColumn<QString>("asking");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("same script") << fingerprint("script A") << "script A" << "state";
+        QTest::newRow("other script") << fingerprint("script A") << "script B" << "";
+        QTest::newRow("saved before owners") << "" << "script B" << "state";
+    }
+
+    void cartridgeStateBelongsToItsScript()
+    {
+        QFETCH(QString, owner);
+        QFETCH(QString, asking);
+        QFETCH(QString, expected);
+        const qint64 chat = m_db->addChat(1, "c");
+        m_db->execute("UPDATE chats SET cartridge_state='state', cartridge_state_for=? WHERE id=?",
+                      {DBValue::text(owner), DBValue::integer(chat)});
+        QCOMPARE(m_db->cartridgeState(asking, chat), expected);
+        m_db->setCartridgeState("new", "script B", chat);
+        QCOMPARE(m_db->cartridgeState("script B", chat), "new");
+    }
+
+    void clearAllDataLeavesOnlyTheInbox()
+    {
+        addMessage(*m_db, m_db->addChat(m_db->addNode(1, "folder", "Work"), "c"), "words");
+        m_db->setSetting("theme", "dark");
+        m_db->clearAllData();
+        QCOMPARE(query("SELECT parent_id, kind, name FROM nodes"), QStringList({"NULL|folder|Inbox"}));
+        QCOMPARE(query("SELECT (SELECT count(*) FROM chats) + (SELECT count(*) FROM messages)"
+                       " + (SELECT count(*) FROM settings) + (SELECT count(*) FROM message_search)"),
+                 QStringList({"0"}));
+    }
+
+    void search_data()
+    {
+        QTest::addColumn<QString>("term");
+        QTest::addColumn<QStringList>("expected"); // chat titles, then snippets
+        QTest::newRow("phrase in order") << "quick fox" << QStringList{"the \x02quick fox\x03 jumps"};
+        QTest::newRow("words out of order") << "fox quick" << QStringList();
+        QTest::newRow("no prefix matching") << "qui" << QStringList();
+        QTest::newRow("FTS syntax is literal") << "fox OR NEAR(" << QStringList();
+        QTest::newRow("double quotes") << "say \"hi\"" << QStringList{"\x02say hi\x03"};
+        QTest::newRow("display, not body") << "costume" << QStringList{"\x02" "costume\x03"};
+        QTest::newRow("image description") << "lighthouse" << QStringList{"a \x02lighthouse\x03"};
+        QTest::newRow("hidden message") << "secret" << QStringList();
+        QTest::newRow("title first, any case") << "RECIPES" << QStringList{"Recipes", "old \x02recipes\x03"};
+        QTest::newRow("sealed chat title") << "Hidden" << QStringList();
+    }
+
+    void search()
+    {
+        QFETCH(QString, term);
+        QFETCH(QStringList, expected);
+        const qint64 recipes = m_db->addChat(1, "Recipes");
+        const qint64 other = m_db->addChat(1, "Other");
+        m_db->execute("INSERT INTO chats(node_id, title, sealed) VALUES(1, 'Hidden things', 1)");
+        for (const char *body : {"the quick fox jumps", "say hi"})
+            addMessage(*m_db, other, body);
+        addMessage(*m_db, other, "raw body", false, "costume");
+        addMessage(*m_db, other, "secret", true);
+        addMessage(*m_db, recipes, "old recipes");
+        m_db->execute("UPDATE messages SET image_description='a lighthouse' WHERE body='raw body'");
+
+        QStringList found;
+        for (const SearchHit &hit : m_db->search(term)) {
+            const bool title = hit.snippet == "Chat title";
+            QVERIFY(title ? hit.id == -hit.chatID : hit.id > 0);
+            found << (title ? hit.chatTitle : hit.snippet);
+        }
+        QCOMPARE(found, expected);
+    }
+
+    void movingBetweenPlainFoldersDoesNotCompact()
+    {
+        const qint64 target = m_db->addNode(std::nullopt, "folder", "Target");
+        const qint64 chat = m_db->addChat(1, "c");
+        addMessage(*m_db, chat, "words");
+        StatementLog log(m_db->handle());
+        m_db->moveChat(chat, target);
+        QCOMPARE(log.statements().filter(QRegularExpression("VACUUM|optimize")), QStringList());
+        QCOMPARE(m_db->chats().first().nodeID, target);
+        QCOMPARE(m_db->search("words").size(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDatabaseOperations)
+#include "tst_database_operations.moc"
