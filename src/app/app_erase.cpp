@@ -47,9 +47,13 @@ void AppModel::eraseAllDataOrThrow()
 
     // The model starts over. Unlike a first start, no model or voice is selected: none is
     // installed any more.
+    m_unlockedFolderIDs.clear();
+    m_lockSheet.reset();
+    Q_EMIT lockSheetChanged();
     m_selectedChatID.reset();
     m_selectedNodeID.reset();
     m_messages.clear();
+    m_pendingImage.reset();
     m_globalPrompt = Settings::defaultGlobalPrompt;
     m_globalAgentName = Settings::defaultAgentName;
     m_temperature = Settings::defaultTemperature;
@@ -63,8 +67,8 @@ void AppModel::eraseAllDataOrThrow()
     Q_EMIT selectionChanged();
 
     reload();
-    if (!m_nodes.isEmpty()) {
-        m_selectedNodeID = m_nodes.first().id;
+    if (!nodes().isEmpty()) {
+        m_selectedNodeID = nodes().first().id;
         Q_EMIT selectionChanged();
     }
     setStatus(QStringLiteral("All Corvane data erased"), false);

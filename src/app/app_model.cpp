@@ -82,62 +82,6 @@ QStringList AppModel::availableVoiceIDs() const
     return {};
 }
 
-void AppModel::reload(bool withMessages)
-{
-    try {
-        QList<Node> nodes = m_database->nodes();
-        QList<Chat> chats = m_database->chats();
-        m_nodes = std::move(nodes);
-        m_chats = std::move(chats);
-    } catch (const std::exception &error) {
-        showError(error);
-        return;
-    }
-    // A selection whose row is gone is dropped rather than left pointing at nothing.
-    const bool chatGone = m_selectedChatID
-        && std::ranges::none_of(m_chats, [this](const Chat &c) { return c.id == *m_selectedChatID; });
-    const bool nodeGone = m_selectedNodeID
-        && std::ranges::none_of(m_nodes, [this](const Node &n) { return n.id == *m_selectedNodeID; });
-    if (chatGone) {
-        m_selectedChatID.reset();
-        m_messages.clear();
-        Q_EMIT messagesChanged();
-    }
-    if (nodeGone)
-        m_selectedNodeID.reset();
-    Q_EMIT treeChanged();
-    if (chatGone || nodeGone)
-        Q_EMIT selectionChanged();
-    if (withMessages && !chatGone)
-        loadMessages();
-}
-
-void AppModel::selectFirstOpenChat()
-{
-    const auto first = std::ranges::find_if(m_chats, [](const Chat &c) { return !c.isSealed; });
-    if (first == m_chats.end())
-        return;
-    m_selectedChatID = first->id;
-    m_selectedNodeID = first->nodeID;
-    Q_EMIT selectionChanged();
-    loadMessages();
-}
-
-void AppModel::loadMessages()
-{
-    if (!m_selectedChatID) {
-        m_messages.clear();
-        Q_EMIT messagesChanged();
-        return;
-    }
-    try {
-        m_messages = m_database->messages(*m_selectedChatID);
-        Q_EMIT messagesChanged();
-    } catch (const std::exception &error) {
-        showError(error);
-    }
-}
-
 void AppModel::setStatus(const QString &text, bool isError)
 {
     if (m_status == text && m_statusIsError == isError)

@@ -1,9 +1,13 @@
 #pragma once
 
+#include "app/folder_tree.h"
+#include "app/lock_sheet.h"
 #include "app/readiness.h"
 #include "storage/records.h"
 
+#include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 #include <memory>
@@ -15,7 +19,8 @@ class Database;
 /// The one model the window observes. It owns the application's state and every long-lived
 /// service, is created once at start-up and lives until the application quits. Its areas
 /// live in separate files: start-up and status (app_model.cpp), settings
-/// (app_settings.cpp) and erasing all data (app_erase.cpp).
+/// (app_settings.cpp), the folder tree (app_tree.cpp), locked folders (app_locks.cpp) and
+/// erasing all data (app_erase.cpp).
 ///
 /// Operations never pass errors to the window: every outcome is written to the one-line
 /// status banner, `status`, with `statusIsError` set for errors.
@@ -90,8 +95,8 @@ public:
     Q_INVOKABLE void selectWhisperModel(const QString &id);
     Q_INVOKABLE void selectVoice(const QString &id);
 
-    // ---- tree
-    const QList<Node> &nodes() const { return m_nodes; }
+    // ---- tree (app_tree.cpp)
+    const QList<Node> &nodes() const { return m_tree.nodes(); }
     const QList<Chat> &chats() const { return m_chats; }
     const QList<Message> &messages() const { return m_messages; }
     std::optional<qint64> selectedNodeID() const { return m_selectedNodeID; }
@@ -99,6 +104,51 @@ public:
     /// Re-reads folders and chats from the database and drops a selection that no longer
     /// exists; with `withMessages`, re-reads the selected chat's messages too.
     void reload(bool withMessages = false);
+
+    std::optional<Node> selectedNode() const;
+    std::optional<Chat> selectedChat() const;
+    /// The selected chat's messages without the hidden ones.
+    QList<Message> visibleMessages() const;
+    bool folderHasContents(qint64 id) const;
+    bool chatHasMessages(qint64 id);
+    QSet<qint64> subtreeIDs(qint64 id) const;
+    /// The nearest folder, from `nodeID` upwards, whose script its chats run.
+    std::optional<Node> cartridgeFolder(std::optional<qint64> nodeID) const;
+    QString effectiveAgentName(const std::optional<Node> &node) const;
+    QString inheritedAgentName(const std::optional<Node> &node) const;
+    QString effectiveAgentName(const Chat &chat) const;
+    QString inheritedAgentName(const Chat &chat) const;
+    /// The chat's system prompt: its assistant's name, the global prompt, each folder's
+    /// prompt from the root down and the chat's own, blank parts left out.
+    QString effectivePrompt(const Chat &chat) const;
+
+    void selectChat(qint64 id);
+    /// Adds "New folder" under `parentID` and returns it for selection and renaming; nothing
+    /// when the parent is locked away (the unlock sheet is raised instead) or on an error.
+    std::optional<Node> addFolder(std::optional<qint64> parentID);
+    /// Adds "New chat" to `nodeID` (else the selected folder, else the first) and selects it.
+    void addChat(std::optional<qint64> nodeID = std::nullopt);
+    void renameNode(qint64 id, const QString &name);
+    void renameChat(qint64 id, const QString &title);
+    void deleteChat(qint64 id);
+    void deleteFolder(qint64 id);
+    void moveSelectedChat(qint64 folderID);
+    void setNodePrompt(qint64 id, const QString &text);
+    void setNodeAgentName(qint64 id, const QString &text);
+    void setChatPrompt(qint64 id, const QString &text);
+    void setChatAutoSpeakReplies(qint64 id, bool enabled);
+
+    /// Assistant names that running scripts set, by chat id; never stored.
+    QHash<qint64, QString> &cartridgeAgentNames() { return m_cartridgeAgentNames; }
+
+    // ---- locked folders (app_locks.cpp)
+    /// The nearest folder, from `node` upwards, that the user locked.
+    std::optional<Node> lockedFolder(const Node &node) const;
+    /// A sealed chat whose locked folder is not open in this run.
+    bool isLockedAway(const Chat &chat) const;
+    const QSet<qint64> &unlockedFolderIDs() const { return m_unlockedFolderIDs; }
+    const std::optional<LockSheet> &lockSheet() const { return m_lockSheet; }
+    void dismissLockSheet();
 
     // ---- erase (app_erase.cpp)
     /// Removes every chat, folder, script, prompt, setting and downloaded model after the
@@ -113,6 +163,7 @@ Q_SIGNALS:
     void readinessChanged();
     void settingsChanged();
     void treeChanged();
+    void lockSheetChanged();
     void selectionChanged();
     void messagesChanged();
 
@@ -123,6 +174,22 @@ private:
     void loadMessages();
     void eraseAllDataOrThrow();
 
+    /// Runs a tree command's database work; an error goes to the status banner and the
+    /// in-memory tree stays as it was. Returns whether the work succeeded.
+    template <typename Work>
+    bool tryDatabase(Work work);
+    /// When `nodeID` lies in a locked folder that is not open, raises the unlock sheet for
+    /// it and answers true.
+    bool raiseUnlockIfLockedAway(std::optional<qint64> nodeID);
+    void clearChatSelection();
+    void requestLockSheet(LockSheet sheet);
+
+    // Seams to the services that own images and script timers.
+    void removePendingImage();
+    void pruneImages();
+    void matchImages();
+    void restartTicks();
+
     void setStatus(const QString &text, bool isError);
     void showError(const CorvaneError &error);
     void showError(const std::exception &error);
@@ -132,11 +199,15 @@ private:
     QString m_modelsDirectory;
     QString m_imagesDirectory;
 
-    QList<Node> m_nodes;
+    FolderTree m_tree;
     QList<Chat> m_chats;
     QList<Message> m_messages;
     std::optional<qint64> m_selectedNodeID;
     std::optional<qint64> m_selectedChatID;
+    std::optional<QString> m_pendingImage;
+    QHash<qint64, QString> m_cartridgeAgentNames;
+    QSet<qint64> m_unlockedFolderIDs;
+    std::optional<LockSheet> m_lockSheet;
 
     QString m_status;
     bool m_statusIsError = false;
