@@ -201,6 +201,7 @@ private:
 
     FolderTree m_tree;
     QList<Chat> m_chats;
+    QSet<qint64> m_foldersWithChats; ///< so that the sidebar's per-folder question is cheap
     QList<Message> m_messages;
     std::optional<qint64> m_selectedNodeID;
     std::optional<qint64> m_selectedChatID;

@@ -41,7 +41,9 @@ void AppModel::reload(bool withMessages)
         }))
         return;
     m_tree = FolderTree(std::move(nodes));
+    m_foldersWithChats.clear();
     for (Chat &chat : chats) {
+        m_foldersWithChats.insert(chat.nodeID);
         if (const Node *folder = m_tree.cartridgeFolder(chat.nodeID))
             chat.cartridgeFolderID = folder->id;
     }
@@ -113,7 +115,7 @@ QList<Message> AppModel::visibleMessages() const
 
 bool AppModel::folderHasContents(qint64 id) const
 {
-    return m_tree.hasContents(id, m_chats);
+    return m_tree.hasChildren(id) || m_foldersWithChats.contains(id);
 }
 
 bool AppModel::chatHasMessages(qint64 id)

@@ -19,12 +19,6 @@ const Node *FolderTree::find(qint64 id) const
     return it == m_index.cend() ? nullptr : &m_nodes[*it];
 }
 
-bool FolderTree::hasContents(qint64 id, const QList<Chat> &chats) const
-{
-    return m_children.contains(id)
-        || std::ranges::any_of(chats, [id](const Chat &chat) { return chat.nodeID == id; });
-}
-
 QSet<qint64> FolderTree::subtreeIDs(qint64 id) const
 {
     // Everything whose parent chain reaches `id`; the set itself stops a cycle.

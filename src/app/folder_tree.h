@@ -26,8 +26,8 @@ public:
     const Node *find(qint64 id) const;
     const Node *find(std::optional<qint64> id) const { return id ? find(*id) : nullptr; }
 
-    /// Whether any folder or chat lies directly inside `id`; `chats` are the loaded chats.
-    bool hasContents(qint64 id, const QList<Chat> &chats) const;
+    /// Whether any folder lies directly inside `id`.
+    bool hasChildren(qint64 id) const { return m_children.contains(id); }
 
     /// `id` and every node below it.
     QSet<qint64> subtreeIDs(qint64 id) const;
