@@ -24,3 +24,11 @@ private:
     QString m_description;
     QByteArray m_utf8;
 };
+
+/// A failure the operating system or a library described in its own words: a program that
+/// could not be started, a connection that was refused. Its description is that text.
+class SystemError : public CorvaneError
+{
+public:
+    using CorvaneError::CorvaneError;
+};

@@ -1,0 +1,235 @@
+// InferenceEngine against the real llama-server on the generated random-weight model: the
+// server's life (start, reuse, restart, recovery after it died) and the exchanges (exact
+// token counts, fitting by binary search, streaming, Stop).
+#include "inference/inference_engine.h"
+#include "inference/inference_error.h"
+
+#include "support/await_task.h"
+#include <QCoro/QCoroTimer>
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QNetworkReply>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <cmath>
+#include <csignal>
+
+namespace {
+
+const QString s_model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+
+QJsonObject message(const QString &role, const QString &content)
+{
+    return {{"role", role}, {"content", content}};
+}
+
+QJsonArray conversation(int count)
+{
+    QJsonArray messages;
+    for (int i = 0; i < count; ++i)
+        messages.append(message(i % 2 ? "assistant" : "user",
+                                QStringLiteral("Message number %1 talks about gardens and rivers.").arg(i)));
+    return messages;
+}
+
+bool processAlive(qint64 pid)
+{
+    return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+} // namespace
+
+class TestInferenceEngine : public QObject
+{
+    Q_OBJECT
+
+private:
+    InferenceEngine m_engine;
+
+    void load(qint64 contextTokens, std::optional<QString> projector = std::nullopt)
+    {
+        awaitTask(m_engine.load(s_model, projector, contextTokens));
+    }
+
+private Q_SLOTS:
+    void argumentLists()
+    {
+        const QStringList plain = m_engine.arguments("/m.gguf", std::nullopt, 4096);
+        QCOMPARE(plain, (QStringList{"-m", "/m.gguf", "--host", "127.0.0.1", "--port",
+                                     QString::number(m_engine.port()), "--ctx-size", "4096", "--parallel", "1",
+                                     "--reasoning", "off", "--no-webui", "--api-key", m_engine.key()}));
+        const QStringList vision = m_engine.arguments("/m.gguf", QStringLiteral("/p.gguf"), 4096);
+        QCOMPARE(vision.size(), 17);
+        QCOMPARE(vision.mid(15), (QStringList{"--mmproj", "/p.gguf"}));
+        QVERIFY(m_engine.port() >= 40000 && m_engine.port() <= 60000);
+        QVERIFY(QRegularExpression("^[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}$").match(m_engine.key()).hasMatch());
+    }
+
+    void startsAndReusesOneServer()
+    {
+        load(16384);
+        const qint64 first = m_engine.serverProcessID();
+        QVERIFY(processAlive(first));
+        QVERIFY(!m_engine.hasVision());
+        load(16384);
+        QCOMPARE(m_engine.serverProcessID(), first);
+    }
+
+    void restartsForAnotherContextSizeOnTheSamePortAndKey()
+    {
+        const qint64 before = m_engine.serverProcessID();
+        const int port = m_engine.port();
+        const QString key = m_engine.key();
+        load(8192);
+        QVERIFY(m_engine.serverProcessID() != before);
+        QCOMPARE(m_engine.port(), port);
+        QCOMPARE(m_engine.key(), key);
+        QTRY_VERIFY(!processAlive(before));
+    }
+
+    void aProjectorTheServerCannotLoadIsAFailedStart()
+    {
+        // A projector changes the command line, so the server restarts; this one is not a
+        // projector at all, and the server gives up on it.
+        try {
+            load(8192, s_model);
+            QFAIL("expected the start to fail");
+        } catch (const InferenceError &error) {
+            QCOMPARE(error.kind(), InferenceError::Case::StartFailed);
+            QCOMPARE(error.description(), QStringLiteral("The local model could not start"));
+        }
+        QVERIFY(!m_engine.hasVision());
+        load(8192);
+        QVERIFY(processAlive(m_engine.serverProcessID()));
+    }
+
+    void aServerThatDiedIsStartedAgain()
+    {
+        const qint64 before = m_engine.serverProcessID();
+        QCOMPARE(::kill(static_cast<pid_t>(before), SIGKILL), 0);
+        QTRY_VERIFY(!processAlive(before));
+        load(8192);
+        QVERIFY(m_engine.serverProcessID() != before);
+        QCOMPARE(awaitTask(m_engine.tokenCount({message("user", "hello")})) > 0, true);
+    }
+
+    void tokenCountsMatchTheServer()
+    {
+        load(16384);
+        const QJsonArray messages{message("system", "You are brief."), message("user", "Tell me about rivers.")};
+        const qint64 counted = awaitTask(m_engine.tokenCount(messages));
+
+        // What the server itself reports as the prompt of a completion of the same messages.
+        QNetworkAccessManager network;
+        QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1/v1/chat/completions").arg(m_engine.port())));
+        request.setRawHeader("Authorization", "Bearer " + m_engine.key().toLatin1());
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+        const QJsonObject body{{"messages", messages}, {"max_tokens", 1}};
+        QNetworkReply *reply = network.post(request, QJsonDocument(body).toJson());
+        QSignalSpy finished(reply, &QNetworkReply::finished);
+        QVERIFY(finished.wait(60000));
+        const QJsonObject usage = QJsonDocument::fromJson(reply->readAll()).object().value("usage").toObject();
+        reply->deleteLater();
+        QCOMPARE(counted, qint64(usage.value("prompt_tokens").toInt()));
+    }
+
+    void fittingKeepsTheNewestMessagesThatFit()
+    {
+        load(16384);
+        const QJsonArray history = conversation(60);
+        const QString system = QStringLiteral("You are a thoughtful, concise companion.");
+        // A context that holds about a third of the conversation.
+        QJsonArray everything{message("system", system)};
+        for (const QJsonValue &m : history)
+            everything.append(m);
+        const qint64 all = awaitTask(m_engine.tokenCount(everything));
+        const qint64 contextTokens = all / 3 + 300 + 32;
+
+        const int countsBefore = m_engine.tokenCountsMade();
+        const QJsonArray fitted = awaitTask(m_engine.fittedMessages(system, history, std::nullopt, contextTokens, 300));
+        const int counts = m_engine.tokenCountsMade() - countsBefore;
+        QVERIFY2(counts <= std::log2(60.0) + 2, qPrintable(QString::number(counts)));
+
+        QCOMPARE(fitted.first().toObject(), message("system", system));
+        QVERIFY(fitted.size() > 2 && fitted.size() < 61);
+        QCOMPARE(fitted.last(), history.last());
+        QVERIFY(fitted[1].toObject().value("role").toString() != QStringLiteral("assistant"));
+        const qint64 budget = contextTokens - 300 - 32;
+        QVERIFY(awaitTask(m_engine.tokenCount(fitted)) <= budget);
+        // One more message (two, when that one is a reply) would not fit.
+        const qsizetype kept = fitted.size() - 1;
+        QJsonArray larger{message("system", system)};
+        for (qsizetype i = history.size() - kept - 2; i < history.size(); ++i)
+            larger.append(history[i]);
+        QVERIFY(awaitTask(m_engine.tokenCount(larger)) > budget);
+    }
+
+    void aPromptThatCannotFitIsTooLong()
+    {
+        load(16384);
+        const QString huge = QStringLiteral("word ").repeated(5000);
+        try {
+            awaitTask(m_engine.fittedMessages(huge, {message("user", "hi")}, std::nullopt, 4096, 1024));
+            QFAIL("expected contextTooLong");
+        } catch (const InferenceError &error) {
+            QCOMPARE(error.kind(), InferenceError::Case::ContextTooLong);
+        }
+        QVERIFY_THROWS_EXCEPTION(InferenceError,
+                                 awaitTask(m_engine.fittedMessages("s", {}, std::nullopt, 4096, 1024)));
+    }
+
+    void streamsIntoOnToken()
+    {
+        load(16384);
+        QStringList pieces;
+        awaitTask(m_engine.stream({message("user", "Say something.")}, 12, 0.7,
+                                       [&](const QString &piece) { pieces << piece; }));
+        QVERIFY(!pieces.isEmpty());
+        QVERIFY(pieces.size() <= 12);
+    }
+
+    void stopEndsTheStreamAtOnce()
+    {
+        load(16384);
+        CancellationToken stop;
+        int pieces = 0;
+        int afterStop = 0;
+        QElapsedTimer sinceStop;
+        auto task = m_engine.stream({message("user", "Write a long story.")}, 4000, 0.7,
+                                    [&](const QString &) {
+                                        ++pieces;
+                                        if (stop.isCancelled())
+                                            ++afterStop;
+                                        else if (pieces == 3) {
+                                            sinceStop.start();
+                                            stop.cancel();
+                                        }
+                                    },
+                                    stop);
+        QVERIFY_THROWS_EXCEPTION(CancelledError, awaitTask(std::move(task)));
+        QVERIFY2(sinceStop.elapsed() < 100, qPrintable(QString::number(sinceStop.elapsed())));
+        QCOMPARE(afterStop, 0);
+        // The server is ready for the next request.
+        QVERIFY(awaitTask(m_engine.tokenCount({message("user", "again")})) > 0);
+    }
+
+    void summarizesWithTheRealServer()
+    {
+        load(16384);
+        const QString summary = awaitTask(m_engine.summarize("", "user: I like tea.\nassistant: Noted.", 16));
+        QCOMPARE(summary, summary.trimmed());
+    }
+
+    void shutdownStopsTheServer()
+    {
+        load(16384);
+        const qint64 pid = m_engine.serverProcessID();
+        m_engine.shutdown();
+        QCOMPARE(m_engine.serverProcessID(), 0);
+        QTRY_VERIFY(!processAlive(pid));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestInferenceEngine)
+#include "tst_inference_engine.moc"
