@@ -9,10 +9,13 @@ class VaultError : public CorvaneError
 public:
     enum class Case {
         Locked, ///< a sealed value was read or written while no key is held
+        TouchIDFailed, ///< the Touch ID seal could not be made or did not open
     };
 
     /// "Unlock your locked folders first".
     static VaultError locked() { return VaultError(Case::Locked); }
+    /// "Touch ID could not unlock your locked folders".
+    static VaultError touchIDFailed() { return VaultError(Case::TouchIDFailed); }
 
     Case kind() const noexcept { return m_case; }
 
@@ -28,6 +31,8 @@ private:
         switch (which) {
         case Case::Locked:
             return QStringLiteral("Unlock your locked folders first");
+        case Case::TouchIDFailed:
+            return QStringLiteral("Touch ID could not unlock your locked folders");
         }
         return {};
     }

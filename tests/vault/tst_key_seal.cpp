@@ -1,0 +1,111 @@
+// The key seal: sealing the vault key to a provider's key and opening it again.
+#include "support/await_task.h"
+#include "software_key_provider.h"
+#include "vault/key_seal.h"
+#include "vault/vault.h"
+#include "vault/vault_error.h"
+
+#include <QTest>
+
+namespace {
+
+std::optional<VaultKey> openSeal(const TouchIDSeal &seal, KeyProvider &provider)
+{
+    return awaitTask(Vault::openWithTouchID(seal, &provider));
+}
+
+} // namespace
+
+class TestKeySeal : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void opensSealMadeIndependently()
+    {
+        // Made with Python's cryptography package: P-256 ECDH of a fixed ephemeral key with a
+        // fixed provider key, HKDF-SHA-256, AES-256-GCM under the nonce 00 01 … 0b.
+        const TouchIDSeal seal{
+            SoftwareKeyProvider::handleFor(QByteArray::fromHex(
+                "308187020100301306072a8648ce3d020106082a8648ce3d030107046d306b0201010420123456"
+                "7890abcdef1234567890abcdef1234567890abcdef1234567890abcdefa14403420004471c3e75"
+                "8c4904285bba7e53118ed0f524adeb0757d25bd2f8e7b0d76dfa714cdd520f7aca8a8b917acc37"
+                "f51de8f0c9bbe3ad858382e702dc25a12d09f7a858")),
+            QByteArray::fromHex("5f697b6fa1e70a2ebba3788c38c5256b1602e2197c55b6a44601b3fc66a57ea9"
+                                "65a92f96a8651d1f59cc5a7db253b64ef5b36bbeaa9015008c43e88bc4b94dec"),
+            QByteArray::fromHex("000102030405060708090a0b6550eb3e61336506b8523a66dbdc6f6c99475a2b"
+                                "6f9a179b259ade20d8bafa716807fc115a7e8f2abf74abec275d762c"),
+        };
+        SoftwareKeyProvider provider;
+        QCOMPARE(openSeal(seal, provider),
+                 VaultKey::fromBytes(QByteArray::fromHex(
+                     "404142434445464748494a4b4c4d4e4f505152535455565758595a5b5c5d5e5f")));
+        QCOMPARE(provider.lastReason(), "unlock your locked folders");
+        QCOMPARE(provider.lastCancelTitle(), "Use Password");
+    }
+
+    void sealOpensToItsKey()
+    {
+        SoftwareKeyProvider provider;
+        const VaultKey key = VaultKey::random();
+        const TouchIDSeal first = Vault::touchIDSeal(key, provider);
+        const TouchIDSeal second = Vault::touchIDSeal(key, provider);
+        QCOMPARE(first.ephemeralPublicKey.size(), 64);
+        QCOMPARE(first.sealedKey.size(), Vault::wrappedKeySize);
+        QVERIFY(first.ephemeralPublicKey != second.ephemeralPublicKey);
+        QVERIFY(first.sealedKey != second.sealedKey);
+        QCOMPARE(openSeal(first, provider), std::optional(key));
+        QCOMPARE(openSeal(second, provider), std::optional(key));
+    }
+
+    void failuresThrow_data()
+    {
+        QTest::addColumn<QString>("failure");
+        QTest::addColumn<bool>("isVaultError"); // else the provider's own error
+        QTest::newRow("check cancelled") << "cancel" << false;
+        QTest::newRow("fingers changed") << "fingers" << false;
+        QTest::newRow("sealed key changed") << "sealedKey" << true;
+        QTest::newRow("ephemeral key off the curve") << "ephemeral" << true;
+        QTest::newRow("ephemeral key cut short") << "short" << true;
+        QTest::newRow("sealed to another key") << "other" << true;
+    }
+
+    void failuresThrow()
+    {
+        QFETCH(QString, failure);
+        QFETCH(bool, isVaultError);
+        SoftwareKeyProvider provider;
+        const Vault::NewVault vault = Vault::create("password", 3);
+        TouchIDSeal seal = Vault::touchIDSeal(vault.key, provider);
+        if (failure == "cancel")
+            provider.setCancelsCheck(true);
+        else if (failure == "fingers")
+            provider.changeEnrolledFingers();
+        else if (failure == "sealedKey")
+            seal.sealedKey[40] = char(seal.sealedKey.at(40) ^ 1);
+        else if (failure == "ephemeral")
+            seal.ephemeralPublicKey[63] = char(seal.ephemeralPublicKey.at(63) ^ 1);
+        else if (failure == "short")
+            seal.ephemeralPublicKey.chop(1);
+        else if (failure == "other")
+            seal.sealedKey = Vault::touchIDSeal(VaultKey::random(), provider).sealedKey;
+
+        try {
+            openSeal(seal, provider);
+            QFAIL("a broken seal opened");
+        } catch (const VaultError &error) {
+            QVERIFY(isVaultError);
+            QCOMPARE(error.kind(), VaultError::Case::TouchIDFailed);
+        } catch (const CorvaneError &) {
+            QVERIFY(!isVaultError);
+        }
+        // The other ways in keep working.
+        QCOMPARE(Vault::openWithPassword("password", vault.record), std::optional(vault.key));
+        QCOMPARE(Vault::openWithRecoveryKey(vault.recovery, vault.record), std::optional(vault.key));
+    }
+
+    void linuxHasNoProvider() { QVERIFY(!Vault::systemKeyProvider()); }
+};
+
+QTEST_GUILESS_MAIN(TestKeySeal)
+#include "tst_key_seal.moc"
