@@ -2,9 +2,15 @@
 
 #include "app/app_paths.h"
 #include "app/settings_rules.h"
+#include "models/model_store.h"
 #include "storage/database.h"
 
 AppModel::AppModel(QObject *parent)
+    : AppModel(ModelCatalogue::entries(), parent)
+{
+}
+
+AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     : QObject(parent)
     // 1. Every field takes its default.
     , m_globalPrompt(Settings::defaultGlobalPrompt)
@@ -27,10 +33,12 @@ AppModel::AppModel(QObject *parent)
 
     // 4. The stores and their folders: models, the script library, images.
     m_modelsDirectory = AppPaths::directory(QStringLiteral("Models"));
+    m_modelStore = std::make_unique<ModelStore>(m_modelsDirectory, std::move(catalogue));
     m_imagesDirectory = AppPaths::directory(QStringLiteral("Images"));
 
     // 5. Stored settings, each checked against its accepted values.
     readSettings();
+    normalizeModelSelections();
 
     // 6. The tree and the first chat that is not sealed; script timers and auto-lock start
     //    once those subsystems are connected.
@@ -50,36 +58,9 @@ Readiness::Value AppModel::readiness() const
     return Readiness::of({
         .statusIsError = m_statusIsError,
         .isBusy = isBusy(),
-        .hasLanguageModel = hasChatModel(),
-        // The set-up is complete when the selected chat model, its vision projector and
-        // the selected dictation model are installed; none can be before the first chat
-        // model is.
-        .modelsMissing = !hasChatModel(),
+        .hasLanguageModel = languageModel().has_value(),
+        .modelsMissing = !missingModels().isEmpty(),
     });
-}
-
-bool AppModel::hasChatModel() const
-{
-    return !installedChatModelIDs().isEmpty();
-}
-
-QStringList AppModel::installedChatModelIDs() const
-{
-    // Models are installed only through the model store, which this build does not carry
-    // yet, so no chat model can be present.
-    return {};
-}
-
-QStringList AppModel::installedTranscriptionModelIDs() const
-{
-    return {};
-}
-
-QStringList AppModel::availableVoiceIDs() const
-{
-    // The speech engine lists the system's voices; without it only the default voice
-    // (the empty id) can be chosen.
-    return {};
 }
 
 void AppModel::setStatus(const QString &text, bool isError)

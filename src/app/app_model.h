@@ -3,6 +3,8 @@
 #include "app/folder_tree.h"
 #include "app/lock_sheet.h"
 #include "app/readiness.h"
+#include "models/model_spec.h"
+#include "platform/cancellation.h"
 #include "storage/records.h"
 
 #include <QHash>
@@ -10,11 +12,14 @@
 #include <QSet>
 #include <QString>
 
+#include <QCoro/QCoroTask>
+
 #include <memory>
 #include <optional>
 
 class CorvaneError;
 class Database;
+class ModelStore;
 
 /// The one model the window observes. It owns the application's state and every long-lived
 /// service, is created once at start-up and lives until the application quits. Its areas
@@ -36,6 +41,8 @@ class AppModel : public QObject
     Q_PROPERTY(bool isTranscribing READ isTranscribing NOTIFY activityChanged)
     Q_PROPERTY(QString busyModelID READ busyModelID NOTIFY activityChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
+    Q_PROPERTY(qint64 downloadedBytes READ downloadedBytes NOTIFY downloadProgressChanged)
+    Q_PROPERTY(qint64 downloadTotalBytes READ downloadTotalBytes NOTIFY downloadProgressChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
     Q_PROPERTY(QString globalPrompt READ globalPrompt WRITE setGlobalPrompt NOTIFY settingsChanged)
     Q_PROPERTY(QString globalAgentName READ globalAgentName WRITE setGlobalAgentName NOTIFY settingsChanged)
@@ -52,6 +59,9 @@ public:
     /// Throws a CorvaneError when local storage cannot be opened; the caller stops the
     /// application with "Could not open local storage: " and the error's description.
     explicit AppModel(QObject *parent = nullptr);
+    /// The same with another list of installable models, for tests that serve small files;
+    /// the application always uses the built-in catalogue.
+    AppModel(QList<ModelSpec> catalogue, QObject *parent = nullptr);
     ~AppModel() override;
 
     Database &database() { return *m_database; }
@@ -68,13 +78,34 @@ public:
     bool isBusy() const;
     Readiness::Value readiness() const;
 
-    // ---- models
+    // ---- models (app_models.cpp)
+    ModelStore &modelStore() { return *m_modelStore; }
     /// True when at least one chat model is installed; the window shows the first-run
     /// set-up screen while this is false.
     bool hasChatModel() const;
     QStringList installedChatModelIDs() const;
     QStringList installedTranscriptionModelIDs() const;
     QStringList availableVoiceIDs() const;
+    /// The chat model replies use: the selected one if installed, else the first installed.
+    std::optional<ModelSpec> languageModel() const;
+    /// The dictation model, by the same rule.
+    std::optional<ModelSpec> whisperModel() const;
+    /// What a complete set-up still lacks: the chat model, its image support, dictation.
+    QList<ModelSpec> missingModels() const;
+    /// Points a selection that names no installed model at the first installed one.
+    void normalizeModelSelections();
+    qint64 downloadedBytes() const { return m_downloadedBytes; }
+    qint64 downloadTotalBytes() const { return m_downloadTotalBytes; }
+
+    /// Downloads the given catalogue entries, each chat model followed by its image support
+    /// when missing, one after the other with progress in the status line.
+    Q_INVOKABLE void install(const QStringList &ids);
+    /// Stops a running installation; what is already installed stays.
+    Q_INVOKABLE void cancelInstall();
+    /// Installs a model file the user already has, when it is one of the catalogue's.
+    Q_INVOKABLE void installFromFile(const QString &path);
+    /// Removes a model, and its image support when no other installed model uses it.
+    Q_INVOKABLE void remove(const QString &id);
 
     // ---- settings (app_settings.cpp)
     const QString &globalPrompt() const { return m_globalPrompt; }
@@ -166,6 +197,7 @@ Q_SIGNALS:
     void lockSheetChanged();
     void selectionChanged();
     void messagesChanged();
+    void downloadProgressChanged();
 
 private:
     void readSettings();
@@ -173,6 +205,9 @@ private:
     void selectFirstOpenChat();
     void loadMessages();
     void eraseAllDataOrThrow();
+    QCoro::Task<> runInstall(QList<ModelSpec> workList, CancellationToken cancel);
+    QCoro::Task<> runInstallFromFile(QString path, CancellationToken cancel);
+    void setBusyModel(std::optional<QString> id, qint64 total);
 
     /// Runs a tree command's database work; an error goes to the status banner and the
     /// in-memory tree stays as it was. Returns whether the work succeeded.
@@ -196,6 +231,10 @@ private:
 
     QString m_supportDirectory;
     std::unique_ptr<Database> m_database;
+    std::unique_ptr<ModelStore> m_modelStore;
+    CancellationToken m_installCancel;
+    qint64 m_downloadedBytes = 0;
+    qint64 m_downloadTotalBytes = 0;
     QString m_modelsDirectory;
     QString m_imagesDirectory;
 
