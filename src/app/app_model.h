@@ -5,8 +5,10 @@
 #include "app/readiness.h"
 #include "models/model_spec.h"
 #include "platform/cancellation.h"
+#include "scripts/cartridge_context.h"
 #include "storage/records.h"
 
+#include <QDateTime>
 #include <QHash>
 #include <QObject>
 #include <QSet>
@@ -181,6 +183,11 @@ public:
     const std::optional<LockSheet> &lockSheet() const { return m_lockSheet; }
     void dismissLockSheet();
 
+    // ---- scripts (app_scripts.cpp)
+    /// The context a script's hook receives for `chat` with `history`: its turn, assistant,
+    /// messages and how long the chat has been idle.
+    CartridgeContext cartridgeContext(const Chat &chat, const QList<Message> &history) const;
+
     // ---- erase (app_erase.cpp)
     /// Removes every chat, folder, script, prompt, setting and downloaded model after the
     /// user confirmed. Refused (false) while anything is busy; a failure is shown in the
@@ -246,6 +253,9 @@ private:
     std::optional<qint64> m_selectedChatID;
     std::optional<QString> m_pendingImage;
     QHash<qint64, QString> m_cartridgeAgentNames;
+    /// When the selected chat was opened; a script's idle time counts from it when the chat
+    /// has no message to count from.
+    QDateTime m_chatOpenedAt = QDateTime::currentDateTimeUtc();
     QSet<qint64> m_unlockedFolderIDs;
     std::optional<LockSheet> m_lockSheet;
 

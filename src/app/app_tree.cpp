@@ -181,6 +181,7 @@ void AppModel::selectChat(qint64 id)
     if (m_selectedChatID != id)
         removePendingImage();
     m_selectedChatID = id;
+    m_chatOpenedAt = QDateTime::currentDateTimeUtc();
     m_selectedNodeID = chat != m_chats.end() ? std::optional<qint64>(chat->nodeID) : std::nullopt;
     Q_EMIT selectionChanged();
     loadMessages();

@@ -3,6 +3,8 @@
 #include "app/app_model.h"
 #include "storage/database.h"
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -124,6 +126,23 @@ private Q_SLOTS:
 
         QCOMPARE(m_model->effectivePrompt(chatRecord(chatID)), expected);
         QVERIFY(!m_model->statusIsError());
+    }
+
+    void scriptContextNamesTheInheritedAssistant()
+    {
+        const auto folder = m_model->addFolder(std::nullopt);
+        m_model->setNodeAgentName(folder->id, QStringLiteral(" Ada "));
+        m_model->addChat(folder->id);
+        const qint64 chatID = *m_model->selectedChatID();
+        db().setChatFields({{QStringLiteral("cartridge_agent_name"), QStringLiteral("Bot")}}, {}, chatID);
+        addMessage(db(), chatID, QStringLiteral("hello"));
+        m_model->reload(true);
+        const QJsonObject context = m_model->cartridgeContext(chatRecord(chatID), m_model->messages()).toJson();
+        // A script sees the name it would inherit, not one a script set earlier.
+        QCOMPARE(context.value("agent").toObject().value("name").toString(), QStringLiteral("Ada"));
+        QCOMPARE(context.value("chat").toObject().value("title").toString(), QStringLiteral("New chat"));
+        QCOMPARE(context.value("turn").toInteger(), 1);
+        QCOMPARE(context.value("messages").toArray().size(), 1);
     }
 
     void parentCyclesEndTheWalks()
