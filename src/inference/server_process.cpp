@@ -40,6 +40,14 @@ InferenceEngine::InferenceEngine(QObject *parent)
 InferenceEngine::~InferenceEngine()
 {
     shutdown();
+    // Servers still exiting belong to this engine: the server keeps nothing worth saving, so
+    // it is killed rather than left running after the application.
+    for (QProcess *process : findChildren<QProcess *>()) {
+        if (process->state() != QProcess::NotRunning) {
+            process->kill();
+            process->waitForFinished(1000);
+        }
+    }
 }
 
 QStringList InferenceEngine::arguments(const QString &modelPath, const std::optional<QString> &projectorPath,

@@ -1,0 +1,138 @@
+// The exchange with the real llama-server on the small generated model: how long fitting a
+// conversation to the context takes (each probe of the binary search is two round trips),
+// and what the application's streaming costs compared with reading the server directly.
+//
+// Usage: bench_inference [model.gguf]   (default: the test model that `make test` generates)
+#include "inference/inference_engine.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QNetworkReply>
+
+#include <QCoro/QCoroNetworkReply>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+QJsonArray conversation(int count)
+{
+    QJsonArray messages;
+    for (int i = 0; i < count; ++i)
+        messages.append(QJsonObject{{"role", i % 2 ? "assistant" : "user"},
+                                    {"content", QStringLiteral("Message %1 is about the garden, the river and "
+                                                               "what to cook for dinner tonight.").arg(i)}});
+    return messages;
+}
+
+double median(QList<double> values)
+{
+    std::ranges::sort(values);
+    return values[values.size() / 2];
+}
+
+const QJsonArray s_prompt{QJsonObject{{"role", "user"}, {"content", "Tell me a long story."}}};
+constexpr int s_streamTokens = 256;
+
+/// Tokens per second of a streamed completion read straight from the server.
+QCoro::Task<double> rawStream(InferenceEngine &engine, QNetworkAccessManager &network)
+{
+    QNetworkRequest request(QUrl(QStringLiteral("http://127.0.0.1:%1/v1/chat/completions").arg(engine.port())));
+    request.setRawHeader("Authorization", "Bearer " + engine.key().toLatin1());
+    request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+    const QJsonObject body{{"model", "local"}, {"messages", s_prompt}, {"stream", true},
+                           {"max_tokens", s_streamTokens}, {"temperature", 0.0}};
+    QElapsedTimer timer;
+    timer.start();
+    std::unique_ptr<QNetworkReply> reply(network.post(request, QJsonDocument(body).toJson(QJsonDocument::Compact)));
+    int pieces = 0;
+    QByteArray pending;
+    while (true) {
+        pending += reply->readAll();
+        qsizetype end;
+        while ((end = pending.indexOf('\n')) >= 0) {
+            if (pending.startsWith("data: {") && pending.left(end).contains("\"content\""))
+                ++pieces;
+            pending.remove(0, end + 1);
+        }
+        if (reply->isFinished())
+            break;
+        co_await qCoro(reply.get()).waitForReadyRead(std::chrono::milliseconds(-1));
+    }
+    co_return pieces / (timer.nsecsElapsed() / 1e9);
+}
+
+QCoro::Task<double> engineStream(InferenceEngine &engine)
+{
+    QElapsedTimer timer;
+    timer.start();
+    int pieces = 0;
+    co_await engine.stream(s_prompt, s_streamTokens, 0.0, [&pieces](const QString &) { ++pieces; });
+    co_return pieces / (timer.nsecsElapsed() / 1e9);
+}
+
+QCoro::Task<> run(QString model)
+{
+    InferenceEngine engine;
+    std::printf("| History | Context | Token counts | Fitting (median of 3, ms) | Messages kept |\n|---:|---:|---:|---:|---:|\n");
+    for (const qint64 context : {16384, 65536}) {
+        co_await engine.load(model, std::nullopt, context);
+        for (const int size : {10, 100, 1000}) {
+            const QJsonArray history = conversation(size);
+            QList<double> times;
+            int counts = 0;
+            qsizetype kept = 0;
+            for (int i = 0; i < 3; ++i) {
+                const int before = engine.tokenCountsMade();
+                QElapsedTimer timer;
+                timer.start();
+                const QJsonArray fitted = co_await engine.fittedMessages(QStringLiteral("You are brief."), history,
+                                                                         std::nullopt, context, 1024);
+                times << timer.nsecsElapsed() / 1e6;
+                counts = engine.tokenCountsMade() - before;
+                kept = fitted.size() - 1;
+            }
+            std::printf("| %d | %lld | %d | %.1f | %lld |\n", size, static_cast<long long>(context), counts,
+                        median(times), static_cast<long long>(kept));
+        }
+    }
+
+    co_await engine.load(model, std::nullopt, 16384);
+    QNetworkAccessManager network;
+    QList<double> raw, app;
+    for (int i = 0; i < 5; ++i) {
+        raw << co_await rawStream(engine, network);
+        app << co_await engineStream(engine);
+    }
+    std::printf("\n| Streaming, %d tokens at temperature 0 (median of 5) | tokens/s |\n|---|---:|\n", s_streamTokens);
+    std::printf("| read straight from the server | %.1f |\n| through InferenceEngine::stream | %.1f |\n",
+                median(raw), median(app));
+    std::printf("| ratio | %.3f |\n", median(app) / median(raw));
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QString model = argc > 1 ? QString::fromLocal8Bit(argv[1])
+                                   : QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+    if (!QFileInfo::exists(model)) {
+        std::fprintf(stderr, "bench_inference: %s is missing; `make test` generates it\n", qPrintable(model));
+        return 1;
+    }
+    int status = 0;
+    auto task = [&]() -> QCoro::Task<> {
+        try {
+            co_await run(model);
+        } catch (const std::exception &error) {
+            std::fprintf(stderr, "bench_inference: %s\n", error.what());
+            status = 1;
+        }
+        QCoreApplication::exit(status);
+    }();
+    return QCoreApplication::exec() == 0 ? status : 1;
+}
