@@ -16,6 +16,7 @@
 
 #include <QCoro/QCoroTask>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -215,6 +216,8 @@ private:
     QCoro::Task<> runInstall(QList<ModelSpec> workList, CancellationToken cancel);
     QCoro::Task<> runInstallFromFile(QString path, CancellationToken cancel);
     void setBusyModel(std::optional<QString> id, qint64 total);
+    /// Puts a download's or a check's progress into `downloadedBytes`.
+    std::function<void(qint64)> reportProgress();
 
     /// Runs a tree command's database work; an error goes to the status banner and the
     /// in-memory tree stays as it was. Returns whether the work succeeded.

@@ -10,6 +10,14 @@
 
 namespace {
 
+/// The user-facing text of any error an installation can end with.
+QString describe(const std::exception &error)
+{
+    if (const auto *known = dynamic_cast<const CorvaneError *>(&error))
+        return known->description();
+    return QString::fromUtf8(error.what());
+}
+
 QStringList idsOf(const QList<ModelSpec> &specs)
 {
     QStringList ids;
@@ -80,6 +88,14 @@ void AppModel::setBusyModel(std::optional<QString> id, qint64 total)
     Q_EMIT downloadProgressChanged();
 }
 
+std::function<void(qint64)> AppModel::reportProgress()
+{
+    return [this](qint64 bytes) {
+        m_downloadedBytes = bytes;
+        Q_EMIT downloadProgressChanged();
+    };
+}
+
 void AppModel::install(const QStringList &ids)
 {
     // One installation at a time; the window offers none while another runs.
@@ -104,14 +120,9 @@ QCoro::Task<> AppModel::runInstall(QList<ModelSpec> workList, CancellationToken 
         setBusyModel(spec.id, spec.byteCount);
         setStatus(ModelTexts::downloading(spec), false);
         try {
-            co_await m_modelStore->install(spec, [this](qint64 bytes) {
-                m_downloadedBytes = bytes;
-                Q_EMIT downloadProgressChanged();
-            }, cancel);
-        } catch (const CorvaneError &error) {
-            failure = error.description();
+            co_await m_modelStore->install(spec, reportProgress(), cancel);
         } catch (const std::exception &error) {
-            failure = QString::fromUtf8(error.what());
+            failure = describe(error);
         }
         Q_EMIT installedModelsChanged();
         if (failure)
@@ -146,14 +157,9 @@ QCoro::Task<> AppModel::runInstallFromFile(QString path, CancellationToken cance
     std::optional<QString> failure;
     std::optional<ModelSpec> installed;
     try {
-        installed = co_await m_modelStore->installFromFile(path, [this](qint64 bytes) {
-            m_downloadedBytes = bytes;
-            Q_EMIT downloadProgressChanged();
-        }, cancel);
-    } catch (const CorvaneError &error) {
-        failure = error.description();
+        installed = co_await m_modelStore->installFromFile(path, reportProgress(), cancel);
     } catch (const std::exception &error) {
-        failure = QString::fromUtf8(error.what());
+        failure = describe(error);
     }
     Q_EMIT installedModelsChanged();
     normalizeModelSelections();
