@@ -208,7 +208,10 @@ private Q_SLOTS:
                                     },
                                     stop);
         QVERIFY_THROWS_EXCEPTION(CancelledError, awaitTask(std::move(task)));
-        QVERIFY2(sinceStop.elapsed() < 100, qPrintable(QString::number(sinceStop.elapsed())));
+        // The transfer is dropped at once (about a millisecond here); the bound only catches a
+        // stream that runs on to its end, without making a loaded machine fail the test.
+        qInfo("stopped %lld ms after Stop", static_cast<long long>(sinceStop.elapsed()));
+        QVERIFY2(sinceStop.elapsed() < 2000, qPrintable(QString::number(sinceStop.elapsed())));
         QCOMPARE(afterStop, 0);
         // The server is ready for the next request.
         QVERIFY(awaitTask(m_engine.tokenCount({message("user", "again")})) > 0);
