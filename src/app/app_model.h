@@ -13,6 +13,8 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <QUrl>
+#include <QVariantList>
 
 #include <QCoro/QCoroTask>
 
@@ -44,6 +46,7 @@ class AppModel : public QObject
     Q_PROPERTY(bool isTranscribing READ isTranscribing NOTIFY activityChanged)
     Q_PROPERTY(QString busyModelID READ busyModelID NOTIFY activityChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
+    Q_PROPERTY(QVariantList chatModelChoices READ chatModelChoices NOTIFY installedModelsChanged)
     Q_PROPERTY(qint64 downloadedBytes READ downloadedBytes NOTIFY downloadProgressChanged)
     Q_PROPERTY(qint64 downloadTotalBytes READ downloadTotalBytes NOTIFY downloadProgressChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -107,6 +110,11 @@ public:
     Q_INVOKABLE void cancelInstall();
     /// Installs a model file the user already has, when it is one of the catalogue's.
     Q_INVOKABLE void installFromFile(const QString &path);
+    /// The same for a file chosen in a file dialog.
+    Q_INVOKABLE void installFromFileUrl(const QUrl &url) { installFromFile(url.toLocalFile()); }
+    /// The catalogue's chat models for the set-up screen and Settings, in catalogue order,
+    /// each as {id, name, byteCount, installed}.
+    QVariantList chatModelChoices() const;
     /// Removes a model, and its image support when no other installed model uses it.
     Q_INVOKABLE void remove(const QString &id);
 

@@ -50,6 +50,20 @@ QStringList AppModel::availableVoiceIDs() const
     return {};
 }
 
+QVariantList AppModel::chatModelChoices() const
+{
+    QVariantList choices;
+    for (const ModelSpec &spec : m_modelStore->catalogue()) {
+        if (spec.role != ModelSpec::Role::Chat)
+            continue;
+        choices.append(QVariantMap{{QStringLiteral("id"), spec.id},
+                                   {QStringLiteral("name"), spec.name},
+                                   {QStringLiteral("byteCount"), spec.byteCount},
+                                   {QStringLiteral("installed"), m_modelStore->isInstalled(spec)}});
+    }
+    return choices;
+}
+
 std::optional<ModelSpec> AppModel::languageModel() const
 {
     return m_modelStore->languageModel(m_selectedModelID);

@@ -99,6 +99,24 @@ private Q_SLOTS:
         QVERIFY2(dark > 200, qPrintable(QString::number(dark)));
     }
 
+    void offersEveryChatModel()
+    {
+        QQuickItem *list = findItem(m_window->contentItem(), QStringLiteral("firstRunModelList"));
+        QVERIFY(list);
+        QCOMPARE(list->property("count").toInt(), 8);
+        // Nothing downloads yet, so there is no progress to show.
+        QVERIFY(!findItem(m_window->contentItem(), QStringLiteral("firstRunProgress"))->isVisible());
+    }
+
+    void skippingShowsTheChats()
+    {
+        QQuickItem *skip = findItem(m_window->contentItem(), QStringLiteral("firstRunSkip"));
+        QVERIFY(skip);
+        QVERIFY(QMetaObject::invokeMethod(skip, "clicked"));
+        QTRY_VERIFY(findItem(m_window->contentItem(), QStringLiteral("noChatSelected")));
+        QVERIFY(!findItem(m_window->contentItem(), QStringLiteral("firstRunTitle")));
+    }
+
     void closingTheWindowEndsTheApplication()
     {
         // Runs the application's own event loop, as main() does: closing the last window
