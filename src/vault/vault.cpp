@@ -77,17 +77,23 @@ VaultKey recoveryWrappingKey(const QByteArray &recoverySecret)
     return KeyDerivation::hkdfSha256(recoverySecret, "corvane recovery key");
 }
 
-NewVault create(const QString &password, std::uint32_t rounds)
+/// Wraps `key` for `password` under a fresh salt, into `record`.
+static void wrapForPassword(VaultRecord &record, const VaultKey &key, const QString &password, std::uint32_t rounds)
 {
-    VaultKey key = VaultKey::random();
-    const WipedBytes recoverySecret{randomBytes(recoverySecretSize)};
-    VaultRecord record;
     record.salt = randomBytes(saltSize);
     record.rounds = rounds;
     const std::optional<VaultKey> byPassword = passwordKey(password, record.salt, rounds);
     if (!byPassword)
         throw SealedBoxError(SealedBoxError::Case::CipherFailed);
     record.byPassword = wrap(key, *byPassword);
+}
+
+NewVault create(const QString &password, std::uint32_t rounds)
+{
+    VaultKey key = VaultKey::random();
+    const WipedBytes recoverySecret{randomBytes(recoverySecretSize)};
+    VaultRecord record;
+    wrapForPassword(record, key, password, rounds);
     record.byRecoveryKey = wrap(key, recoveryWrappingKey(recoverySecret.bytes));
     return NewVault{std::move(record), std::move(key), formatRecoveryKey(recoverySecret.bytes)};
 }
@@ -117,12 +123,7 @@ VaultRecord changingPassword(const VaultKey &key, const QString &newPassword,
                              const VaultRecord &record, std::uint32_t rounds)
 {
     VaultRecord changed = record;
-    changed.salt = randomBytes(saltSize);
-    changed.rounds = rounds;
-    const std::optional<VaultKey> byPassword = passwordKey(newPassword, changed.salt, rounds);
-    if (!byPassword)
-        throw SealedBoxError(SealedBoxError::Case::CipherFailed);
-    changed.byPassword = wrap(key, *byPassword);
+    wrapForPassword(changed, key, newPassword, rounds);
     return changed;
 }
 

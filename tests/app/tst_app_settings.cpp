@@ -4,6 +4,7 @@
 #include "app/settings_rules.h"
 #include "platform/error.h"
 #include "storage/database.h"
+#include "support/database_rows.h"
 
 #include <QDir>
 #include <QFile>
@@ -191,11 +192,7 @@ private Q_SLOTS:
             expected = db.addChat(inbox, QStringLiteral("middle"));
             const qint64 newest = db.addChat(inbox, QStringLiteral("newest, in a locked folder"));
             db.execute(QStringLiteral("UPDATE chats SET sealed=1 WHERE id=?"), {DBValue::integer(newest)});
-            db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, "
-                                      "display, hidden, data) VALUES(?,?,?,?,?,?,?,?,?)"),
-                       {DBValue::integer(expected), DBValue::text("user"), DBValue::text("hello"),
-                        DBValue::text("2026-11-15T20:20:44Z"), DBValue::text(""), DBValue::text(""),
-                        DBValue::text(""), DBValue::integer(0), DBValue::text("")});
+            addMessage(db, expected, QStringLiteral("hello"));
         }
         AppModel model;
         QCOMPARE(model.selectedChatID(), std::optional<qint64>(expected));

@@ -2,6 +2,7 @@
 // chain (cycles included), and the sidebar's commands with their refusals and errors.
 #include "app/app_model.h"
 #include "storage/database.h"
+#include "support/database_rows.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -20,15 +21,6 @@ qint64 count(Database &db, const char *sql)
     const qint64 n = sqlite3_column_int64(statement, 0);
     sqlite3_finalize(statement);
     return n;
-}
-
-void addMessage(Database &db, qint64 chatID, const QString &body)
-{
-    db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, "
-                              "hidden, data) VALUES(?,?,?,?,?,?,?,?,?)"),
-               {DBValue::integer(chatID), DBValue::text("user"), DBValue::text(body),
-                DBValue::text("2026-11-15T20:20:44Z"), DBValue::text(""), DBValue::text(""),
-                DBValue::text(""), DBValue::integer(0), DBValue::text("")});
 }
 
 } // namespace
