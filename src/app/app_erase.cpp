@@ -3,6 +3,7 @@
 
 #include "app/app_paths.h"
 #include "app/settings_rules.h"
+#include "inference/inference_engine.h"
 #include "storage/database.h"
 
 bool AppModel::eraseAllData()
@@ -22,6 +23,8 @@ void AppModel::eraseAllDataOrThrow()
 {
     // Background work stops first: compaction is cancelled, the inference server shut down
     // and speech silenced, so that nothing writes while files and rows go.
+    cancelCompaction();
+    m_inference->shutdown();
 
     // Files: models, then the script library (which gets its example script back), then
     // the images with their cache. The first failure stops here; what is gone stays gone.
@@ -54,6 +57,9 @@ void AppModel::eraseAllDataOrThrow()
     m_selectedNodeID.reset();
     m_messages.clear();
     m_pendingImage.reset();
+    setComposer(QString());
+    m_liveDisplay.clear();
+    setLiveReply(QString());
     m_globalPrompt = Settings::defaultGlobalPrompt;
     m_globalAgentName = Settings::defaultAgentName;
     m_temperature = Settings::defaultTemperature;

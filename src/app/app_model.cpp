@@ -2,8 +2,11 @@
 
 #include "app/app_paths.h"
 #include "app/settings_rules.h"
+#include "inference/inference_engine.h"
 #include "models/model_store.h"
 #include "storage/database.h"
+
+#include <QTimer>
 
 AppModel::AppModel(QObject *parent)
     : AppModel(ModelCatalogue::entries(), parent)
@@ -24,8 +27,18 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     for (auto signal : {&AppModel::statusChanged, &AppModel::activityChanged,
                         &AppModel::installedModelsChanged, &AppModel::settingsChanged})
         connect(this, signal, this, &AppModel::readinessChanged);
+    for (auto signal : {&AppModel::selectionChanged, &AppModel::treeChanged, &AppModel::settingsChanged})
+        connect(this, signal, this, &AppModel::currentChatChanged);
+    for (auto signal : {&AppModel::composerChanged, &AppModel::activityChanged, &AppModel::selectionChanged})
+        connect(this, signal, this, &AppModel::canSendChanged);
+    m_liveReplyTimer = new QTimer(this);
+    m_liveReplyTimer->setSingleShot(true);
+    m_liveReplyTimer->setInterval(30);
+    connect(m_liveReplyTimer, &QTimer::timeout, this, &AppModel::liveReplyChanged);
 
-    // 2. The inference and speech engines are created here, before anything can fail.
+    // 2. The inference and speech engines, before anything can fail. The speech engine joins
+    //    here with spoken replies.
+    m_inference = std::make_unique<InferenceEngine>();
 
     // 3. The database; a failure ends start-up.
     m_supportDirectory = AppPaths::supportDirectory();
@@ -46,7 +59,12 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     selectFirstOpenChat();
 }
 
-AppModel::~AppModel() = default;
+AppModel::~AppModel()
+{
+    // Running tasks see their cancellation and stop at their next await.
+    stopReply();
+    cancelCompaction();
+}
 
 bool AppModel::isBusy() const
 {

@@ -15,6 +15,7 @@
 #include <QString>
 #include <QUrl>
 #include <QVariantList>
+#include <QVariantMap>
 
 #include <QCoro/QCoroTask>
 
@@ -23,14 +24,18 @@
 #include <optional>
 
 class CorvaneError;
+class QTimer;
 class Database;
+class InferenceEngine;
 class ModelStore;
+struct CartridgeResult;
 
 /// The one model the window observes. It owns the application's state and every long-lived
 /// service, is created once at start-up and lives until the application quits. Its areas
 /// live in separate files: start-up and status (app_model.cpp), settings
-/// (app_settings.cpp), the folder tree (app_tree.cpp), locked folders (app_locks.cpp) and
-/// erasing all data (app_erase.cpp).
+/// (app_settings.cpp), the folder tree (app_tree.cpp), replies (app_replies.cpp),
+/// compaction (app_compaction.cpp), locked folders (app_locks.cpp), erasing all data
+/// (app_erase.cpp) and what the window reads and calls (app_window.cpp).
 ///
 /// Operations never pass errors to the window: every outcome is written to the one-line
 /// status banner, `status`, with `statusIsError` set for errors.
@@ -58,6 +63,18 @@ class AppModel : public QObject
     Q_PROPERTY(QString selectedModelID READ selectedModelID NOTIFY settingsChanged)
     Q_PROPERTY(QString selectedWhisperModelID READ selectedWhisperModelID NOTIFY settingsChanged)
     Q_PROPERTY(QString selectedVoiceID READ selectedVoiceID NOTIFY settingsChanged)
+    Q_PROPERTY(QString composer READ composer WRITE setComposer NOTIFY composerChanged)
+    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
+    Q_PROPERTY(QString liveReply READ liveReply NOTIFY liveReplyChanged)
+    Q_PROPERTY(QString liveDisplay READ liveDisplay NOTIFY liveReplyChanged)
+    Q_PROPERTY(qint64 currentChatID READ currentChatID NOTIFY selectionChanged)
+    Q_PROPERTY(qint64 currentFolderID READ currentFolderID NOTIFY selectionChanged)
+    Q_PROPERTY(QString currentChatTitle READ currentChatTitle NOTIFY currentChatChanged)
+    Q_PROPERTY(QString currentAgentName READ currentAgentName NOTIFY currentChatChanged)
+    Q_PROPERTY(QString currentChatSummary READ currentChatSummary NOTIFY currentChatChanged)
+    Q_PROPERTY(bool currentChatIsSealed READ currentChatIsSealed NOTIFY currentChatChanged)
+    Q_PROPERTY(bool hasImageSupport READ hasImageSupport NOTIFY installedModelsChanged)
+    Q_PROPERTY(QVariantList modelChoices READ modelChoices NOTIFY installedModelsChanged)
 
 public:
     /// Builds the model in its fixed start-up order: defaults, engines, the database, the
@@ -164,24 +181,78 @@ public:
     /// prompt from the root down and the chat's own, blank parts left out.
     QString effectivePrompt(const Chat &chat) const;
 
-    void selectChat(qint64 id);
+    Q_INVOKABLE void selectChat(qint64 id);
     /// Adds "New folder" under `parentID` and returns it for selection and renaming; nothing
     /// when the parent is locked away (the unlock sheet is raised instead) or on an error.
     std::optional<Node> addFolder(std::optional<qint64> parentID);
     /// Adds "New chat" to `nodeID` (else the selected folder, else the first) and selects it.
     void addChat(std::optional<qint64> nodeID = std::nullopt);
-    void renameNode(qint64 id, const QString &name);
-    void renameChat(qint64 id, const QString &title);
-    void deleteChat(qint64 id);
-    void deleteFolder(qint64 id);
+    Q_INVOKABLE void renameNode(qint64 id, const QString &name);
+    Q_INVOKABLE void renameChat(qint64 id, const QString &title);
+    Q_INVOKABLE void deleteChat(qint64 id);
+    Q_INVOKABLE void deleteFolder(qint64 id);
     void moveSelectedChat(qint64 folderID);
-    void setNodePrompt(qint64 id, const QString &text);
-    void setNodeAgentName(qint64 id, const QString &text);
-    void setChatPrompt(qint64 id, const QString &text);
-    void setChatAutoSpeakReplies(qint64 id, bool enabled);
+    Q_INVOKABLE void setNodePrompt(qint64 id, const QString &text);
+    Q_INVOKABLE void setNodeAgentName(qint64 id, const QString &text);
+    Q_INVOKABLE void setChatPrompt(qint64 id, const QString &text);
+    Q_INVOKABLE void setChatAutoSpeakReplies(qint64 id, bool enabled);
 
     /// Assistant names that running scripts set, by chat id; never stored.
     QHash<qint64, QString> &cartridgeAgentNames() { return m_cartridgeAgentNames; }
+
+    // ---- replies (app_replies.cpp)
+    const QString &composer() const { return m_composer; }
+    void setComposer(const QString &text);
+    /// A chat is selected, no reply is being generated, and there is text or an image to send.
+    bool canSend() const;
+    const QString &liveReply() const { return m_liveReply; }
+    const QString &liveDisplay() const { return m_liveDisplay; }
+    InferenceEngine &inference() { return *m_inference; }
+    /// Stores the composer's message in the selected chat and starts the reply to it.
+    Q_INVOKABLE void send();
+    /// Starts the one reply task for `chat`; `trigger` is "user" or "reply".
+    void startReply(const Chat &chat, const QString &trigger);
+    /// The user's Stop: cancels the reply being generated; it ends at "Stopped".
+    Q_INVOKABLE void stopReply();
+
+    // ---- compaction (app_compaction.cpp)
+    /// Folds the older part of a long chat into its running summary when the chat has grown
+    /// past three quarters of the budget that a reply leaves. Never deletes a message;
+    /// failures keep the previous summary.
+    QCoro::Task<> compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,
+                                  CancellationToken cancel);
+
+    // ---- what the window reads and calls (app_window.cpp)
+    /// The selected chat's and folder's ids, -1 when none.
+    qint64 currentChatID() const { return m_selectedChatID.value_or(-1); }
+    qint64 currentFolderID() const { return m_selectedNodeID.value_or(-1); }
+    QString currentChatTitle() const;
+    /// The assistant's name in the selected chat, or the global one without a chat.
+    QString currentAgentName() const;
+    QString currentChatSummary() const;
+    bool currentChatIsSealed() const;
+    /// The selected chat model's image support is installed.
+    bool hasImageSupport() const;
+    /// Every catalogue entry for Settings, each as {id, name, role ("chat", "vision" or
+    /// "dictation"), byteCount, installed, selected}.
+    QVariantList modelChoices() const;
+    /// Selects a folder in the sidebar; the chat selection stays.
+    Q_INVOKABLE void selectFolder(qint64 id);
+    /// Adds a folder under `parentID` (-1 for the top level); returns its id, -1 when none.
+    Q_INVOKABLE qint64 newFolder(qint64 parentID);
+    /// Adds a chat to `folderID` (-1: the selected folder) and selects it.
+    Q_INVOKABLE void newChat(qint64 folderID);
+    /// Moves a chat to another folder (dragged in the sidebar).
+    Q_INVOKABLE void moveChat(qint64 chatID, qint64 folderID);
+    /// A folder's own fields for its settings sheet: name, prompt, agentName,
+    /// inheritedAgentName, isLocked, isSealed, hasContents; empty for an unknown id.
+    Q_INVOKABLE QVariantMap folderDetails(qint64 id) const;
+    /// A chat's fields for its settings sheet: title, prompt, autoSpeakReplies, agentName,
+    /// isSealed; empty for an unknown id.
+    Q_INVOKABLE QVariantMap chatDetails(qint64 id) const;
+    /// What the model saw for an assistant message: {model, prompt, temperature, maxTokens},
+    /// empty when the message has no metadata.
+    Q_INVOKABLE QVariantMap messageMetadata(qint64 messageID);
 
     // ---- locked folders (app_locks.cpp)
     /// The nearest folder, from `node` upwards, that the user locked.
@@ -214,6 +285,11 @@ Q_SIGNALS:
     void selectionChanged();
     void messagesChanged();
     void downloadProgressChanged();
+    void composerChanged();
+    void canSendChanged();
+    void liveReplyChanged();
+    /// The selected chat, its fields or its summary changed.
+    void currentChatChanged();
 
 private:
     void readSettings();
@@ -243,11 +319,27 @@ private:
     void matchImages();
     void restartTicks();
 
+    QCoro::Task<std::optional<CartridgeResult>> generateReply(Chat chat, ModelSpec model, QString trigger,
+                                                              CancellationToken cancel);
+    QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
+    QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata,
+                                   std::optional<CartridgeResult> turn);
+    QCoro::Task<> runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
+                                CancellationToken cancel);
+    /// Inserts a message row, sealing its texts when the chat is sealed; returns its id.
+    qint64 insertMessage(qint64 chatID, const QString &role, const QString &body, const QString &metadata,
+                         const QString &image, const QString &display, const QString &data);
+    /// The script that runs in `chat`: its own, else its folder's; empty when none.
+    QString cartridgeSource(const Chat &chat) const;
+    void setLiveReply(const QString &reply);
+    void cancelCompaction();
+
     void setStatus(const QString &text, bool isError);
     void showError(const CorvaneError &error);
     void showError(const std::exception &error);
 
     QString m_supportDirectory;
+    std::unique_ptr<InferenceEngine> m_inference;
     std::unique_ptr<Database> m_database;
     std::unique_ptr<ModelStore> m_modelStore;
     CancellationToken m_installCancel;
@@ -270,6 +362,17 @@ private:
     QSet<qint64> m_unlockedFolderIDs;
     std::optional<LockSheet> m_lockSheet;
 
+    QString m_composer;
+    QString m_liveReply;
+    /// Coalesces `liveReplyChanged` while tokens stream in, so that the view repaints at
+    /// its own pace rather than once per token.
+    QTimer *m_liveReplyTimer = nullptr;
+    QString m_liveDisplay;
+    /// Cancels the running reply (`generationTask`); a fresh token per reply.
+    std::optional<CancellationToken> m_generationCancel;
+    /// Cancels the running compaction (`compactionTask`).
+    std::optional<CancellationToken> m_compactionCancel;
+
     QString m_status;
     bool m_statusIsError = false;
     bool m_isGenerating = false;
@@ -286,3 +389,15 @@ private:
     QString m_selectedWhisperModelID;
     QString m_selectedVoiceID;
 };
+
+template <typename Work>
+bool AppModel::tryDatabase(Work work)
+{
+    try {
+        work();
+        return true;
+    } catch (const std::exception &error) {
+        showError(error);
+        return false;
+    }
+}

@@ -2,6 +2,7 @@
 #include "app/app_model.h"
 
 #include "app/settings_rules.h"
+#include "inference/inference_engine.h"
 #include "storage/database.h"
 
 void AppModel::readSettings()
@@ -74,8 +75,8 @@ void AppModel::setContextTokens(int n)
         return;
     m_contextTokens = n;
     Q_EMIT settingsChanged();
-    // The inference server is shut down here so that the next reply starts it with the new
-    // context size.
+    // The next reply starts the server with the new context size.
+    m_inference->shutdown();
     storeSetting(Settings::contextTokensKey, QString::number(n));
 }
 

@@ -19,18 +19,6 @@ std::optional<Node> copyOf(const Node *node)
 
 } // namespace
 
-template <typename Work>
-bool AppModel::tryDatabase(Work work)
-{
-    try {
-        work();
-        return true;
-    } catch (const std::exception &error) {
-        showError(error);
-        return false;
-    }
-}
-
 void AppModel::reload(bool withMessages)
 {
     QList<Node> nodes;

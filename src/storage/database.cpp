@@ -137,6 +137,11 @@ QStringList Database::imageNames(bool sealed)
     return firstColumn(query);
 }
 
+qint64 Database::lastInsertedID() const
+{
+    return sqlite3_last_insert_rowid(handle());
+}
+
 qint64 Database::addNode(std::optional<qint64> parentID, const QString &kind, const QString &name)
 {
     const bool sealed = parentID && isNodeSealed(*parentID);

@@ -56,6 +56,8 @@ public:
     /// arguments runs as a script, every statement in turn. A statement that returns rows is
     /// an error here: queries go through the typed reads below.
     void execute(const QString &sql, const QList<DBValue> &args = {});
+    /// The id of the row the last INSERT on this connection added.
+    qint64 lastInsertedID() const;
 
     // Settings -----------------------------------------------------------------------------
 
