@@ -63,10 +63,9 @@ QCoro::Task<> AppModel::runCompaction(qint64 chatID, QString systemPrompt, qint6
 QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,
                                         CancellationToken cancel)
 {
-    const qint64 budget = m_contextTokens - responseTokens - 32;
-    if (budget <= 0)
+    const auto limits = ReplyContext::CompactionLimits::of(m_contextTokens, responseTokens);
+    if (limits.budget <= 0)
         co_return;
-    const int summaryLimit = int(std::min<qint64>(budget / 8, 1024));
 
     cancel.throwIfCancelled();
     const auto [summary, summaryThroughID] = m_database->chatSummary(chatID);
@@ -79,7 +78,8 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
         everything.append(entry);
     const qint64 total = co_await m_inference->tokenCount(everything);
     cancel.throwIfCancelled();
-    if (total <= 3 * budget / 4)
+    qCDebug(lcCompaction) << "chat" << chatID << "counts" << total << "tokens of" << limits.trigger;
+    if (total <= limits.trigger)
         co_return;
 
     // The newest messages that fit two fifths of the budget stay as they are.
@@ -87,7 +87,7 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
     const qsizetype kept = co_await largestFitting(count, [&](qsizetype k) -> QCoro::Task<bool> {
         const qint64 tokens = co_await m_inference->tokenCount(slice(entries, count - k, k));
         cancel.throwIfCancelled();
-        co_return tokens <= 2 * budget / 5;
+        co_return tokens <= limits.keep;
     });
     const qsizetype older = count - kept;
     if (older == 0)
@@ -97,13 +97,13 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
     const qsizetype folded = co_await largestFitting(older, [&](qsizetype n) -> QCoro::Task<bool> {
         const qint64 tokens = co_await m_inference->tokenCount(slice(entries, 0, n));
         cancel.throwIfCancelled();
-        co_return tokens <= budget / 2;
+        co_return tokens <= limits.fold;
     });
     if (folded == 0)
         co_return;
 
     const QString transcript = ReplyContext::transcript(candidates.mid(0, folded));
-    const QString updated = co_await m_inference->summarize(summary, transcript, summaryLimit);
+    const QString updated = co_await m_inference->summarize(summary, transcript, limits.summary);
     cancel.throwIfCancelled();
     if (Settings::trimmed(updated).isEmpty())
         co_return;

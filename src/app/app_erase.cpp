@@ -68,6 +68,7 @@ void AppModel::eraseAllDataOrThrow()
     m_selectedModelID.clear();
     m_selectedWhisperModelID.clear();
     m_selectedVoiceID.clear();
+    Q_EMIT installedModelsChanged();
     Q_EMIT settingsChanged();
     Q_EMIT messagesChanged();
     Q_EMIT selectionChanged();

@@ -322,8 +322,7 @@ private:
     QCoro::Task<std::optional<CartridgeResult>> generateReply(Chat chat, ModelSpec model, QString trigger,
                                                               CancellationToken cancel);
     QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
-    QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata,
-                                   std::optional<CartridgeResult> turn);
+    QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata);
     QCoro::Task<> runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
                                 CancellationToken cancel);
     /// Inserts a message row, sealing its texts when the chat is sealed; returns its id.
@@ -331,6 +330,9 @@ private:
                          const QString &image, const QString &display, const QString &data);
     /// The script that runs in `chat`: its own, else its folder's; empty when none.
     QString cartridgeSource(const Chat &chat) const;
+    /// Whether `source` handles the "reply" hook, asked of its "info" hook once per chat and
+    /// script and remembered for this run.
+    QCoro::Task<bool> handlesReplies(Chat chat, QString source);
     void setLiveReply(const QString &reply);
     void cancelCompaction();
 
@@ -356,6 +358,8 @@ private:
     std::optional<qint64> m_selectedChatID;
     std::optional<QString> m_pendingImage;
     QHash<qint64, QString> m_cartridgeAgentNames;
+    /// Per chat: the script source last asked, and whether it handles replies.
+    QHash<qint64, std::pair<QString, bool>> m_handlesReplies;
     /// When the selected chat was opened; a script's idle time counts from it when the chat
     /// has no message to count from.
     QDateTime m_chatOpenedAt = QDateTime::currentDateTimeUtc();

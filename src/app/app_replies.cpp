@@ -198,6 +198,8 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
     if (result && result->agentName) {
         m_database->setChatFields({{QStringLiteral("cartridge_agent_name"), *result->agentName}}, {}, chat.id);
         reload();
+        // This reply already speaks with the new name.
+        chat.cartridgeAgentName = *result->agentName;
     }
 
     // 5. and 6. The system prompt and the history after the summary.
@@ -238,8 +240,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
                                {QStringLiteral("prompt"), systemPrompt},
                                {QStringLiteral("temperature"), temperature},
                                {QStringLiteral("max_tokens"), maxTokens}};
-    co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)),
-                              result);
+    co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
     setStatus(QStringLiteral("Ready"), false);
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
     cancelCompaction();
@@ -248,15 +249,27 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
     co_return result;
 }
 
-QCoro::Task<> AppModel::saveAgentMessage(QString reply, Chat chat, QString metadata,
-                                         std::optional<CartridgeResult> turn)
+QCoro::Task<bool> AppModel::handlesReplies(Chat chat, QString source)
+{
+    if (const auto known = m_handlesReplies.constFind(chat.id);
+        known != m_handlesReplies.cend() && known->first == source)
+        co_return known->second;
+    const CartridgeResult info = co_await CartridgeEngine::evaluate(
+        source, cartridgeContext(chat, {}), CartridgeHook::Info, m_database->cartridgeState(source, chat.id));
+    const bool handles = info.hasOnReply.value_or(false);
+    m_handlesReplies.insert(chat.id, {source, handles});
+    co_return handles;
+}
+
+QCoro::Task<> AppModel::saveAgentMessage(QString reply, Chat chat, QString metadata)
 {
     // A script that handles replies sees the reply once more and may render it.
     QString display;
     QString data;
     const QString source = cartridgeSource(chat);
-    if (!source.isEmpty() && turn && turn->hasOnReply.value_or(false)) {
-        const CartridgeContext context = cartridgeContext(chat, m_database->messages(chat.id));
+    if (!source.isEmpty() && co_await handlesReplies(chat, source)) {
+        CartridgeContext context = cartridgeContext(chat, m_database->messages(chat.id));
+        context.trigger = QStringLiteral("reply");
         const QString state = m_database->cartridgeState(source, chat.id);
         const CartridgeResult rendered =
             co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);

@@ -85,4 +85,14 @@ QString transcript(const QList<Message> &messages)
     return groups.join(QStringLiteral("\n\n"));
 }
 
+CompactionLimits CompactionLimits::of(qint64 contextTokens, qint64 responseTokens)
+{
+    const qint64 b = contextTokens - responseTokens - 32;
+    return {.budget = b,
+            .trigger = 3 * b / 4,
+            .keep = 2 * b / 5,
+            .fold = b / 2,
+            .summary = int(std::min<qint64>(b / 8, 1024))};
+}
+
 } // namespace ReplyContext

@@ -44,4 +44,18 @@ QJsonArray plainEntries(const QList<Message> &messages);
 /// "Note: " before each message's transcript text, separated by blank lines.
 QString transcript(const QList<Message> &messages);
 
+/// The token limits of one compaction, from the budget B that a reply leaves in the context:
+/// B = context − reply limit − 32.
+struct CompactionLimits
+{
+    qint64 budget = 0;
+    qint64 trigger = 0; ///< compact only when the chat counts more than this (3B/4)
+    qint64 keep = 0; ///< the newest messages up to this many tokens stay as they are (2B/5)
+    qint64 fold = 0; ///< at most this many tokens of older messages are folded per run (B/2)
+    int summary = 0; ///< the summary's length limit: B/8, at most 1024
+
+    static CompactionLimits of(qint64 contextTokens, qint64 responseTokens);
+    bool operator==(const CompactionLimits &) const = default;
+};
+
 } // namespace ReplyContext

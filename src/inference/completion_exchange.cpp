@@ -62,6 +62,7 @@ QCoro::Task<QJsonObject> InferenceEngine::postJSON(QString path, QJsonObject bod
 {
     const QNetworkRequest post = request(path);
     const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    Q_EMIT requestSent(path, payload);
     Reply reply(m_network.post(post, payload));
     co_await reply.get();
     if (httpStatus(reply.get()).toInt() != 200)
@@ -86,8 +87,10 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
         {QStringLiteral("temperature"), temperature},
     };
     cancel.throwIfCancelled();
-    const QNetworkRequest post = request(QStringLiteral("/v1/chat/completions"));
-    Reply reply(m_network.post(post, QJsonDocument(body).toJson(QJsonDocument::Compact)));
+    const QString path = QStringLiteral("/v1/chat/completions");
+    const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    Q_EMIT requestSent(path, payload);
+    Reply reply(m_network.post(request(path), payload));
     QNetworkReply *raw = reply.get();
     // Stop means now: the transfer is dropped, which also wakes the wait below.
     cancel.onCancel(raw, [raw] { raw->abort(); });

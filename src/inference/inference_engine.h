@@ -79,6 +79,11 @@ public:
     /// Token counts made so far (each costs two round trips), for tests of the fitting.
     int tokenCountsMade() const { return m_tokenCountsMade; }
 
+Q_SIGNALS:
+    /// A request body is about to go to the server (for tests and measurements of what the
+    /// model is sent; nothing listens in the application).
+    void requestSent(const QString &path, const QByteArray &body);
+
 private:
     QNetworkRequest request(const QString &path) const;
     QCoro::Task<QJsonObject> postJSON(QString path, QJsonObject body);

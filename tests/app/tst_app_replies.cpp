@@ -1,0 +1,266 @@
+// Replies end to end: AppModel driven as the window drives it, answered by the real
+// llama-server on the generated model. Checks what is stored, the status texts, Stop, a
+// server that dies mid-reply, the prompt the server receives, and background compaction.
+#include "reply_fixture.h"
+
+#include <QJsonArray>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <csignal>
+
+namespace {
+
+constexpr int s_replyTimeoutMs = 120000;
+
+QStringList rolesOf(const QList<Message> &messages)
+{
+    QStringList roles;
+    for (const Message &m : messages)
+        roles << m.role;
+    return roles;
+}
+
+QStringList contentsOf(const QJsonArray &entries)
+{
+    QStringList contents;
+    for (const QJsonValue &entry : entries)
+        contents << entry.toObject().value(QStringLiteral("content")).toString();
+    return contents;
+}
+
+} // namespace
+
+class TestAppReplies : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void replyIsStreamedAndStored()
+    {
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        QSignalSpy liveUpdates(f.model.get(), &AppModel::liveReplyChanged);
+        f.send(QStringLiteral("  Hello there  \n"));
+
+        // The user's message is stored and shown before the model is even loaded.
+        QVERIFY(f.model->isGenerating());
+        QCOMPARE(f.model->composer(), QString());
+        QCOMPARE(rolesOf(f.model->messages()), QStringList{"user"});
+        QCOMPARE(f.model->messages().first().body, QStringLiteral("Hello there"));
+        QCOMPARE(f.model->status(), QStringLiteral("Loading local model…"));
+
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        f.stopWatching();
+        qInfo("longest main-thread gap during the reply: %lld ms", f.longestGapMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QVERIFY(!f.model->statusIsError());
+        QVERIFY(liveUpdates.count() > 0);
+        QCOMPARE(f.model->liveReply(), QString());
+
+        const QList<Message> stored = f.db().messages(chat);
+        QCOMPARE(rolesOf(stored), (QStringList{"user", "assistant"}));
+        QCOMPARE(stored, f.model->messages());
+        QVERIFY(stored[0].id < stored[1].id);
+        QVERIFY(!stored[1].body.isEmpty());
+        QCOMPARE(stored[1].body, stored[1].body.trimmed());
+        QVERIFY(QDateTime::fromString(stored[1].createdAt, Qt::ISODate).isValid());
+
+        // The metadata records what the model was sent.
+        const QJsonArray sent = f.lastRequestMessages();
+        QCOMPARE(sent.first()[QStringLiteral("role")].toString(), QStringLiteral("system"));
+        const QVariantMap metadata = f.model->messageMetadata(stored[1].id);
+        QCOMPARE(metadata.value("model").toString(), ReplyFixture::modelID);
+        QCOMPARE(metadata.value("prompt").toString(), sent.first()[QStringLiteral("content")].toString());
+        QCOMPARE(metadata.value("temperature").toDouble(), 0.7);
+        QCOMPARE(metadata.value("maxTokens").toLongLong(), 1024);
+        QCOMPARE(f.completions.last().value(QStringLiteral("max_tokens")).toInt(), 1024);
+
+        // The status moved through the reply's steps in order.
+        QStringList steps = f.statuses;
+        steps.removeDuplicates();
+        QCOMPARE(steps, (QStringList{"Loading local model…", "Preparing context…", "Generating…", "Ready"}));
+    }
+
+    void promptAndHistoryAsSent_data()
+    {
+        // Each row: stored messages as role|body|image|description, then what the model must
+        // be sent after the user types "next".
+        QTest::addColumn<QStringList>("rows");
+        QTest::addColumn<QString>("promptEnd");
+        QTest::addColumn<QStringList>("history");
+
+        QTest::newRow("system messages after the last reply join the prompt")
+            << QStringList{"user|hi||", "assistant|hello||", "system|a||", "system|b||"}
+            << "\n\na\n\nb" << QStringList{"hi", "hello", "next"};
+        QTest::newRow("system messages before the last reply are left out")
+            << QStringList{"user|hi||", "system|old||", "assistant|hello||"} << "companion."
+            << QStringList{"hi", "hello", "next"};
+        QTest::newRow("blank system messages are dropped")
+            << QStringList{"user|hi||", "assistant|hello||", "system|  \n||", "system|c||"} << "companion.\n\nc"
+            << QStringList{"hi", "hello", "next"};
+        QTest::newRow("older images become placeholders")
+            << QStringList{"user|look at this|a.jpg|", "user|and this|b.jpg|a red boat", "user||c.jpg|"}
+            << "companion."
+            << QStringList{"[Image]\n\nlook at this", "[Image: a red boat]\n\nand this", "[Image]", "next"};
+    }
+
+    void promptAndHistoryAsSent()
+    {
+        QFETCH(QStringList, rows);
+        QFETCH(QString, promptEnd);
+        QFETCH(QStringList, history);
+
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        for (const QString &row : rows) {
+            const QStringList fields = row.split(QLatin1Char('|'));
+            f.addRow(chat, fields[0], fields[1], fields[2], fields[3]);
+        }
+        f.model->selectChat(chat);
+        f.send(QStringLiteral("next"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+
+        const QJsonArray sent = f.lastRequestMessages();
+        const QString prompt = sent.first()[QStringLiteral("content")].toString();
+        QVERIFY2(prompt.startsWith(QStringLiteral("Your name is Corvane.\n\nYou are a thoughtful, concise companion.")),
+                 qPrintable(prompt));
+        QVERIFY2(prompt.endsWith(promptEnd), qPrintable(prompt));
+        QCOMPARE(contentsOf(sent).mid(1), history);
+    }
+
+    void scriptShapesOneReply()
+    {
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        const QString source = QStringLiteral(
+            "module.exports = {\n"
+            "  prompt: ({ turn }) => ({ prompt: `Speak like a sailor on turn ${turn}.`, temperature: 1.2,\n"
+            "                          max_tokens: 64, agent_name: 'Skipper', state: { turns: turn } }),\n"
+            "  onReply: (context, text) => ({ display: `shown ${text.length}`, data: { seen: true } }),\n"
+            "};\n");
+        f.db().setChatFields({{QStringLiteral("cartridge_source"), source}}, {}, chat);
+        f.model->reload();
+        f.send(QStringLiteral("Ahoy"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QVERIFY(f.statuses.contains(QStringLiteral("Running script…")));
+
+        const QJsonObject request = f.completions.last();
+        QCOMPARE(request.value(QStringLiteral("temperature")).toDouble(), 1.2);
+        QCOMPARE(request.value(QStringLiteral("max_tokens")).toInt(), 64);
+        const QString prompt = request.value(QStringLiteral("messages")).toArray().first()[QStringLiteral("content")].toString();
+        QVERIFY2(prompt.contains(QStringLiteral("\n\nSpeak like a sailor on turn 1.")), qPrintable(prompt));
+        QVERIFY2(prompt.startsWith(QStringLiteral("Your name is Skipper.")), qPrintable(prompt));
+
+        const Message reply = f.db().messages(chat).last();
+        QCOMPARE(reply.role, QStringLiteral("assistant"));
+        QCOMPARE(reply.display, QStringLiteral("shown %1").arg(reply.body.size()));
+        QCOMPARE(reply.data, QStringLiteral("{\"seen\":true}"));
+        QCOMPARE(f.db().cartridgeState(source, chat), QStringLiteral("{\"turns\":1}"));
+        // The script's settings were for that reply only.
+        QCOMPARE(f.model->temperature(), 0.7);
+        QCOMPARE(f.model->maxResponseTokens(), 1024);
+    }
+
+    void stopEndsTheReplyAndKeepsTheServer()
+    {
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        f.model->setMaxResponseTokens(2048);
+        f.send(QStringLiteral("Tell me a long story"));
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
+        f.model->stopReply();
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 5000);
+        QCOMPARE(f.model->status(), QStringLiteral("Stopped"));
+        QVERIFY(!f.model->statusIsError());
+        QCOMPARE(f.model->liveReply(), QString());
+        QCOMPARE(rolesOf(f.db().messages(chat)), QStringList{"user"});
+
+        // The next message is answered by the same server.
+        const qint64 server = f.model->inference().serverProcessID();
+        f.send(QStringLiteral("Shorter, please"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.model->inference().serverProcessID(), server);
+        QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
+    }
+
+    void serverDeathMidReplyKeepsTheMessage()
+    {
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        f.model->setMaxResponseTokens(2048);
+        f.send(QStringLiteral("Keep talking"));
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
+        ::kill(static_cast<pid_t>(f.model->inference().serverProcessID()), SIGKILL);
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
+        QVERIFY(f.model->statusIsError());
+        QVERIFY(!f.model->status().isEmpty());
+        QCOMPARE(rolesOf(f.db().messages(chat)), QStringList{"user"});
+        QCOMPARE(rolesOf(f.model->messages()), QStringList{"user"});
+
+        // The next reply starts a new server.
+        f.send(QStringLiteral("Are you back?"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
+    }
+
+    void refusalsStoreNothing()
+    {
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        f.send(QStringLiteral(" \n\t "));
+        QVERIFY(!f.model->isGenerating());
+        QVERIFY(!f.model->canSend());
+        QVERIFY(f.db().messages(chat).isEmpty());
+
+        f.model->remove(ReplyFixture::modelID);
+        f.send(QStringLiteral("Hello?"));
+        QCOMPARE(f.model->status(), QStringLiteral("Install a chat model in Settings first"));
+        QVERIFY(f.model->statusIsError());
+        QVERIFY(f.db().messages(chat).isEmpty());
+    }
+
+    void longChatIsCompacted()
+    {
+        ReplyFixture f;
+        f.model->setContextTokens(4096);
+        const qint64 chat = f.newChat();
+        // About 3,500 tokens of older conversation: past the 2,280 that start a compaction at
+        // 4,096 context tokens with replies of up to 1,024.
+        QList<qint64> ids;
+        for (int i = 0; i < 60; ++i)
+            ids << f.addRow(chat, i % 2 ? QStringLiteral("assistant") : QStringLiteral("user"),
+                            QStringLiteral("Marker %1: the garden by the river has tall reeds, old stones and "
+                                           "a path that winds toward the mill. Swallows nest under the bridge "
+                                           "every spring, and the miller counts them.")
+                                .arg(i));
+        f.model->selectChat(chat);
+        f.send(QStringLiteral("What did we talk about?"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QTRY_VERIFY_WITH_TIMEOUT(!f.db().chatSummary(chat).first.isEmpty(), s_replyTimeoutMs);
+
+        const auto [summary, through] = f.db().chatSummary(chat);
+        QVERIFY(through >= ids.first() && through < ids.last());
+        QCOMPARE(f.db().messages(chat).size(), 62); // nothing deleted
+
+        // The next reply carries the summary and only what came after it.
+        f.send(QStringLiteral("And then?"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        const QJsonArray sent = f.lastRequestMessages();
+        const QString prompt = sent.first()[QStringLiteral("content")].toString();
+        QVERIFY(prompt.endsWith(QStringLiteral("\n\nSummary of the earlier conversation:\n") + summary));
+        const int lastFolded = int(ids.indexOf(through));
+        for (const QString &content : contentsOf(sent).mid(1)) {
+            for (int i = 0; i <= lastFolded; ++i)
+                QVERIFY2(!content.startsWith(QStringLiteral("Marker %1:").arg(i)), qPrintable(content));
+        }
+    }
+};
+
+QTEST_MAIN(TestAppReplies)
+#include "tst_app_replies.moc"
