@@ -1,4 +1,3 @@
-pragma ComponentBehavior: Bound
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
@@ -81,17 +80,23 @@ Rectangle {
                     onMetadataRequested: (id) => metadataPopup.show(id)
                 }
 
-                footer: MessageRow {
-                    objectName: "liveReply"
+                // Wrapped: a view's footer component cannot have required properties.
+                footer: Item {
                     width: list.width
-                    visible: pane.showsLiveReply
-                    height: visible ? implicitHeight : 0
-                    messageID: -1
-                    role: "assistant"
-                    text: pane.liveText !== "" ? pane.liveText : "…"
-                    hasImage: false
-                    showsSummaryMarker: false
-                    isLive: true
+                    height: pane.showsLiveReply ? liveRow.implicitHeight : 0
+
+                    MessageRow {
+                        id: liveRow
+                        objectName: "liveReply"
+                        width: parent.width
+                        visible: pane.showsLiveReply
+                        messageID: -1
+                        role: "assistant"
+                        text: pane.liveText !== "" ? pane.liveText : "…"
+                        hasImage: false
+                        showsSummaryMarker: false
+                        isLive: true
+                    }
                 }
 
                 onMovementEnded: followsEnd = atYEnd
@@ -169,7 +174,6 @@ Rectangle {
         modal: true
         title: "Summary of earlier messages"
         standardButtons: Dialog.Close
-        Accessible.name: title
 
         ScrollView {
             anchors.fill: parent
@@ -204,7 +208,6 @@ Rectangle {
         modal: true
         title: "What the model saw"
         standardButtons: Dialog.Close
-        Accessible.name: title
 
         ScrollView {
             anchors.fill: parent

@@ -17,8 +17,6 @@ Dialog {
     modal: true
     title: "Chat settings"
     standardButtons: Dialog.Save | Dialog.Cancel
-    Accessible.role: Accessible.Dialog
-    Accessible.name: title
 
     onAboutToShow: {
         details = AppModel.chatDetails(chatID)

@@ -15,8 +15,6 @@ Dialog {
     width: Math.min(440, (parent ? parent.width : 480) - 2 * Theme.largeSpacing)
     modal: true
     focus: true
-    Accessible.role: Accessible.Dialog
-    Accessible.name: title
 
     Label {
         objectName: dialog.objectName + "Text"

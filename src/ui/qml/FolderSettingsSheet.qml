@@ -18,8 +18,6 @@ Dialog {
     modal: true
     title: "Folder settings"
     standardButtons: Dialog.Save | Dialog.Cancel
-    Accessible.role: Accessible.Dialog
-    Accessible.name: title
 
     onAboutToShow: {
         details = AppModel.folderDetails(folderID)

@@ -143,11 +143,13 @@ ApplicationWindow {
 
                 Sidebar {
                     id: sidebar
+                    objectName: "sidebar"
                     SplitView.preferredWidth: Theme.sidebarWidth
                     SplitView.minimumWidth: 180
                 }
                 ChatPane {
                     id: chatPane
+                    objectName: "chatPane"
                     SplitView.fillWidth: true
                     SplitView.minimumWidth: 300
                 }
@@ -166,7 +168,6 @@ ApplicationWindow {
                 modal: true
                 title: "Private to this computer"
                 standardButtons: Dialog.Ok
-                Accessible.name: title
 
                 Label {
                     objectName: "privacyNoteText"

@@ -29,8 +29,6 @@ Dialog {
     modal: true
     title: "Settings"
     standardButtons: Dialog.Close
-    Accessible.role: Accessible.Dialog
-    Accessible.name: title
 
     onOpened: {
         agentName.text = AppModel.globalAgentName
