@@ -98,6 +98,8 @@ private:
     QQmlApplicationEngine m_engine;
     QQuickWindow *m_window = nullptr;
     qint64 m_markdownChat = -1;
+    qint64 m_workFolder = -1;
+    qint64 m_question = -1;
 
     void savePicture(const QString &name)
     {
@@ -150,12 +152,12 @@ private Q_SLOTS:
         QVERIFY(m_model->hasChatModel());
 
         // A folder with a chat that holds a question and a Markdown answer.
-        const qint64 work = m_model->newFolder(-1);
+        const qint64 work = m_workFolder = m_model->newFolder(-1);
         m_model->renameNode(work, QStringLiteral("Work"));
         m_model->newChat(work);
         m_markdownChat = m_model->currentChatID();
         m_model->renameChat(m_markdownChat, QStringLiteral("Markdown answers"));
-        addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
+        m_question = addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
         addAssistantMessage(m_model->database(), m_markdownChat, s_markdownReply,
                             QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024})"));
         m_model->reload(true);
@@ -259,7 +261,7 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
         QVERIFY(sidebar);
-        const qint64 id = kind == QLatin1String("chat") ? m_markdownChat : m_model->chats().first().nodeID;
+        const qint64 id = kind == QLatin1String("chat") ? m_markdownChat : m_workFolder;
         QVERIFY(QMetaObject::invokeMethod(sidebar, "confirmDelete", Q_ARG(QString, kind), Q_ARG(double, double(id)),
                                           Q_ARG(QString, name)));
         QObject *dialog = findObject(m_window, QStringLiteral("deleteDialog"));
@@ -274,6 +276,71 @@ private Q_SLOTS:
         QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("deleteDialogCancel")), "clicked"));
         QTRY_VERIFY(!dialog->property("visible").toBool());
         QCOMPARE(m_model->chats().size(), 1);
+    }
+
+    void summaryMarker()
+    {
+        const QString summary = QStringLiteral("The user asked to see Markdown.");
+        m_model->database().setChatSummary(summary, m_question, m_markdownChat);
+        m_model->reload();
+        QQuickItem *marker = findItem(m_window, QStringLiteral("summaryMarker"));
+        QVERIFY(marker);
+        QTRY_VERIFY(marker->isVisible());
+        QVERIFY(QMetaObject::invokeMethod(marker, "clicked"));
+        QObject *popup = findObject(m_window, QStringLiteral("summaryPopup"));
+        QTRY_VERIFY(popup->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("summaryText")), summary);
+        savePicture(QStringLiteral("summary.png"));
+        closePopup(QStringLiteral("summaryPopup"));
+    }
+
+    void inlineRename_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("Enter renames a chat") << "chat" << int(Qt::Key_Return) << "Renamed";
+        QTest::newRow("Escape keeps the title") << "chat" << int(Qt::Key_Escape) << "Renamed";
+        QTest::newRow("Enter renames a folder") << "folder" << int(Qt::Key_Return) << "Renamed";
+    }
+
+    void inlineRename()
+    {
+        QFETCH(QString, kind);
+        QFETCH(int, key);
+        QFETCH(QString, expected);
+        const bool chat = kind == QLatin1String("chat");
+        const qint64 id = chat ? m_markdownChat : m_workFolder;
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        sidebar->setProperty("editingKey", QStringLiteral("%1:%2").arg(kind).arg(id));
+        QQuickItem *field = findItem(m_window, QStringLiteral("renameField"));
+        QVERIFY(field);
+        QTRY_VERIFY(field->hasActiveFocus());
+        type(key == Qt::Key_Escape ? QStringLiteral("Other") : QStringLiteral("Renamed"));
+        QTest::keyClick(m_window, Qt::Key(key));
+        QTRY_COMPARE(sidebar->property("editingKey").toString(), QString());
+        QCOMPARE(chat ? m_model->chatDetails(id).value("title").toString() : m_model->folderDetails(id).value("name").toString(),
+                 expected);
+        if (!chat)
+            m_model->renameNode(id, QStringLiteral("Work"));
+    }
+
+    void dragChatOntoFolder()
+    {
+        QQuickItem *list = findItem(m_window, QStringLiteral("sidebarList"));
+        QQuickItem *inbox = nullptr;
+        QQuickItem *chat = nullptr;
+        QVERIFY(QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem *, inbox), Q_ARG(int, 0)));
+        QVERIFY(QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem *, chat), Q_ARG(int, 2)));
+        QVERIFY(inbox && chat);
+        QCOMPARE(chat->property("itemID").toLongLong(), m_markdownChat);
+        const QPoint from = chat->mapToScene(QPointF(40, chat->height() / 2)).toPoint();
+        const QPoint to = inbox->mapToScene(QPointF(40, inbox->height() / 2)).toPoint();
+        QTest::mousePress(m_window, Qt::LeftButton, {}, from);
+        for (int step = 1; step <= 10; ++step)
+            QTest::mouseMove(m_window, from + (to - from) * step / 10, 10);
+        QTest::mouseRelease(m_window, Qt::LeftButton, {}, to, 10);
+        QTRY_COMPARE(std::ranges::find(m_model->chats(), m_markdownChat, &Chat::id)->nodeID, m_model->nodes().first().id);
     }
 
     void emptyChat()
