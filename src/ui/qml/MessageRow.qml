@@ -102,6 +102,8 @@ Item {
                 Accessible.role: Accessible.StaticText
                 Accessible.name: row.text
                 onLinkActivated: (link) => Qt.openUrlExternally(link)
+                onTextChanged: MarkdownStyle.apply(textDocument)
+                Component.onCompleted: MarkdownStyle.apply(textDocument)
 
                 HoverHandler {
                     enabled: body.hoveredLink !== ""
