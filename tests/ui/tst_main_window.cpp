@@ -325,6 +325,56 @@ private Q_SLOTS:
             m_model->renameNode(id, QStringLiteral("Work"));
     }
 
+    void folderAndChatSettings()
+    {
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QVERIFY(QMetaObject::invokeMethod(sidebar, "openSettings", Q_ARG(QString, QStringLiteral("folder")),
+                                          Q_ARG(double, double(m_workFolder))));
+        QObject *folderSheet = findObject(m_window, QStringLiteral("folderSettingsSheet"));
+        QTRY_VERIFY(folderSheet->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("folderPromptNote")), QStringLiteral("Applies only to Work and everything inside it."));
+        QCOMPARE(textOf(QStringLiteral("folderAgentNameNote")),
+                 QStringLiteral("Leave blank to use Corvane. Nested folders and chats inherit this name and prompt "
+                                "unless they set their own."));
+        findObject(m_window, QStringLiteral("folderPromptField"))->setProperty("text", QStringLiteral("Be brief."));
+        findObject(m_window, QStringLiteral("folderAgentNameField"))->setProperty("text", QStringLiteral("Ada"));
+        savePicture(QStringLiteral("folder-settings.png"));
+        QVERIFY(QMetaObject::invokeMethod(folderSheet, "accept"));
+        QTRY_VERIFY(!folderSheet->property("visible").toBool());
+        QCOMPARE(m_model->folderDetails(m_workFolder).value("prompt").toString(), QStringLiteral("Be brief."));
+        QCOMPARE(m_model->folderDetails(m_workFolder).value("agentName").toString(), QStringLiteral("Ada"));
+        QCOMPARE(m_model->currentAgentName(), QStringLiteral("Ada"));
+        QCOMPARE(findObject(m_window, QStringLiteral("composerInput"))->property("placeholderText").toString(),
+                 QStringLiteral("Message Ada"));
+
+        QVERIFY(QMetaObject::invokeMethod(sidebar, "openSettings", Q_ARG(QString, QStringLiteral("chat")),
+                                          Q_ARG(double, double(m_markdownChat))));
+        QObject *chatSheet = findObject(m_window, QStringLiteral("chatSettingsSheet"));
+        QTRY_VERIFY(chatSheet->property("opened").toBool());
+        findObject(m_window, QStringLiteral("chatPromptField"))->setProperty("text", QStringLiteral("Use lists."));
+        findObject(m_window, QStringLiteral("autoSpeakSwitch"))->setProperty("checked", true);
+        QVERIFY(QMetaObject::invokeMethod(chatSheet, "accept"));
+        QTRY_VERIFY(!chatSheet->property("visible").toBool());
+        QCOMPARE(m_model->chatDetails(m_markdownChat).value("prompt").toString(), QStringLiteral("Use lists."));
+        QVERIFY(m_model->chatDetails(m_markdownChat).value("autoSpeakReplies").toBool());
+
+        m_model->setNodeAgentName(m_workFolder, QString());
+    }
+
+    void newFolderShortcutStartsRenaming()
+    {
+        const qsizetype before = m_model->nodes().size();
+        QTest::keyClick(m_window, Qt::Key_N, Qt::ControlModifier | Qt::ShiftModifier);
+        QTRY_COMPARE(m_model->nodes().size(), before + 1);
+        const qint64 id = m_model->nodes().last().id;
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QCOMPARE(sidebar->property("editingKey").toString(), QStringLiteral("folder:%1").arg(id));
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("renameField"))->hasActiveFocus());
+        type(QStringLiteral("Ideas"));
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QTRY_COMPARE(m_model->folderDetails(id).value("name").toString(), QStringLiteral("Ideas"));
+    }
+
     void dragChatOntoFolder()
     {
         QQuickItem *list = findItem(m_window, QStringLiteral("sidebarList"));

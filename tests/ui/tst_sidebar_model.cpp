@@ -2,6 +2,7 @@
 // selection changes that touch only the rows concerned.
 #include "app/app_model.h"
 #include "sidebar_model.h"
+#include "storage/database.h"
 
 #include <QAbstractItemModelTester>
 #include <QSignalSpy>
@@ -217,6 +218,27 @@ private Q_SLOTS:
             QCOMPARE(change.at(0).toModelIndex(), change.at(1).toModelIndex()); // one row each
             QCOMPARE(change.at(2).value<QList<int>>(), QList<int>{SidebarModel::IsSelectedRole});
         }
+    }
+
+    void lockedAwayFolderHidesItsContents()
+    {
+        // Work is locked and not opened in this run: it and everything below it are sealed.
+        Database &db = m_app->database();
+        const qint64 work = m_ids.value(QStringLiteral("Work"));
+        db.execute(QStringLiteral("UPDATE nodes SET locked=1, sealed=1 WHERE id=?"), {DBValue::integer(work)});
+        db.execute(QStringLiteral("UPDATE nodes SET sealed=1 WHERE id=?"), {DBValue::integer(m_ids.value(QStringLiteral("Drafts")))});
+        db.execute(QStringLiteral("UPDATE chats SET sealed=1 WHERE node_id IN (?,?)"),
+                   {DBValue::integer(work), DBValue::integer(m_ids.value(QStringLiteral("Drafts")))});
+        m_app->reload();
+        const QList<Row> expected{
+            {"folder", "Inbox", 0}, {"folder", "Work", 1}, {"chat", "i1", 1}, {"folder", "Projects", 0}, {"chat", "p1", 1},
+        };
+        QCOMPARE(rows(), expected);
+        const QModelIndex locked = m_sidebar->index(1);
+        QVERIFY(locked.data(SidebarModel::LockedAwayRole).toBool());
+        QVERIFY(locked.data(SidebarModel::IsLockedRole).toBool());
+        QVERIFY(!locked.data(SidebarModel::HasChildrenRole).toBool());
+        QVERIFY(!m_sidebar->index(0).data(SidebarModel::LockedAwayRole).toBool());
     }
 
     void treeCommandsResetRows_data()

@@ -46,6 +46,11 @@ Dialog {
                 id: prompt
                 objectName: "chatPromptField"
                 wrapMode: TextEdit.Wrap
+                background: Rectangle {
+                    color: Theme.surface
+                    border.color: Theme.border
+                    radius: 4
+                }
                 selectByMouse: true
                 Accessible.name: "Chat prompt"
             }

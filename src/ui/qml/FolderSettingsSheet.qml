@@ -64,6 +64,11 @@ Dialog {
                 id: prompt
                 objectName: "folderPromptField"
                 wrapMode: TextEdit.Wrap
+                background: Rectangle {
+                    color: Theme.surface
+                    border.color: Theme.border
+                    radius: 4
+                }
                 selectByMouse: true
                 Accessible.name: "Folder prompt"
             }

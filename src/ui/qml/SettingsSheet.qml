@@ -91,6 +91,11 @@ Dialog {
                     id: globalPrompt
                     objectName: "globalPromptField"
                     wrapMode: TextEdit.Wrap
+                    background: Rectangle {
+                        color: Theme.surface
+                        border.color: Theme.border
+                        radius: 4
+                    }
                     selectByMouse: true
                     Accessible.name: "Instructions included in every reply"
                 }
