@@ -407,6 +407,8 @@ private Q_SLOTS:
     void streamsAReplyAndStops()
     {
         m_model->setMaxResponseTokens(2048);
+        m_model->newChat(-1);
+        QVERIFY(m_model->visibleMessages().isEmpty());
         QTest::keyClick(m_window, Qt::Key_L, Qt::ControlModifier);
         QQuickItem *input = findItem(m_window, QStringLiteral("composerInput"));
         QTRY_VERIFY(input->hasActiveFocus());
