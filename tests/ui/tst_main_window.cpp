@@ -101,10 +101,10 @@ private:
     qint64 m_workFolder = -1;
     qint64 m_question = -1;
 
-    void savePicture(const QString &name)
+    void savePicture(const QString &name, int settleMs = 300)
     {
         // Let the view settle (positioning, popups' transitions) before the picture.
-        QTest::qWait(300);
+        QTest::qWait(settleMs);
         const QImage image = m_window->grabWindow();
         QVERIFY(!image.isNull());
         QVERIFY(QDir().mkpath(QStringLiteral(CORVANE_TEST_OUTPUT_DIR)));
@@ -447,6 +447,8 @@ private Q_SLOTS:
         QVERIFY(m_model->isGenerating());
         QTRY_VERIFY_WITH_TIMEOUT(!m_model->liveReply().isEmpty(), 60000);
         QVERIFY(live->isVisible());
+        QTRY_VERIFY(live->property("text").toString() != QStringLiteral("…"));
+        savePicture(QStringLiteral("live-reply.png"), 0);
         QTest::keyClick(m_window, Qt::Key_Escape);
         QTRY_VERIFY_WITH_TIMEOUT(!m_model->isGenerating(), 30000);
         QCOMPARE(m_model->status(), QStringLiteral("Stopped"));
