@@ -17,6 +17,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QWheelEvent>
 
 Q_IMPORT_QML_PLUGIN(CorvanePlugin)
 
@@ -402,6 +403,51 @@ private Q_SLOTS:
         QCOMPARE(textOf(QStringLiteral("emptyChatText")),
                  QStringLiteral("Everything is private. Your chats, images, and data stay on this computer and are "
                                 "never sent to a server, so you can talk about anything."));
+    }
+
+    void followsTheEndUnlessScrolledUp()
+    {
+        // The offscreen window lays views out when it draws; each check draws a frame first.
+        QQuickItem *list = findItem(m_window, QStringLiteral("messageList"));
+        const auto drawn = [this](auto value) {
+            m_window->grabWindow();
+            return value();
+        };
+        const auto atEnd = [list] { return list->property("atYEnd").toBool(); };
+        const auto count = [list] { return list->property("count").toInt(); };
+
+        m_model->newChat(-1);
+        const qint64 chat = m_model->currentChatID();
+        for (int i = 0; i < 40; ++i)
+            addMessage(m_model->database(), chat, QStringLiteral("Message number %1").arg(i));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 40);
+        QTRY_VERIFY(drawn(atEnd));
+        QVERIFY(list->property("contentHeight").toReal() > 2 * list->height());
+
+        // New messages at the end keep the view there.
+        addMessage(m_model->database(), chat, QStringLiteral("One more"));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 41);
+        QTRY_VERIFY(drawn(atEnd));
+
+        // Scrolled up with the wheel, the view stays where the user put it.
+        const QPointF centre = list->mapToScene(QPointF(10, list->height() / 2));
+        for (int i = 0; i < 5; ++i) {
+            QWheelEvent wheel(centre, m_window->mapToGlobal(centre), QPoint(), QPoint(0, 120), Qt::NoButton,
+                              Qt::NoModifier, Qt::NoScrollPhase, false);
+            wheel.setTimestamp(1000 + 50 * i);
+            QCoreApplication::sendEvent(m_window, &wheel);
+        }
+        QTRY_VERIFY(drawn([list] { return !list->property("moving").toBool(); }));
+        QVERIFY(!drawn(atEnd));
+        const qreal position = list->property("contentY").toReal();
+        addMessage(m_model->database(), chat, QStringLiteral("And another"));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 42);
+        QTest::qWait(100);
+        QCOMPARE(drawn([list] { return list->property("contentY").toReal(); }), position);
+        QVERIFY(!drawn(atEnd));
     }
 
     void streamsAReplyAndStops()
