@@ -117,6 +117,17 @@ private Q_SLOTS:
         QVERIFY(!findItem(m_window->contentItem(), QStringLiteral("firstRunTitle")));
     }
 
+    void aChatWithoutAModelAsksForOne()
+    {
+        m_model->newChat(-1);
+        QQuickItem *heading = findItem(m_window->contentItem(), QStringLiteral("emptyChatHeading"));
+        QVERIFY(heading);
+        QTRY_VERIFY(heading->isVisible());
+        QCOMPARE(heading->property("text").toString(), QStringLiteral("Install a chat model"));
+        QCOMPARE(findItem(m_window->contentItem(), QStringLiteral("emptyChatText"))->property("text").toString(),
+                 QStringLiteral("Corvane needs a chat model on this computer before it can reply."));
+    }
+
     void closingTheWindowEndsTheApplication()
     {
         // Runs the application's own event loop, as main() does: closing the last window

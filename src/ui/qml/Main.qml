@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls
+import QtQuick.Layouts
 import Corvane
 
 ApplicationWindow {
@@ -30,15 +31,153 @@ ApplicationWindow {
 
     Component {
         id: chats
-        Label {
-            objectName: "noChatSelected"
-            text: "Create or select a chat in the sidebar."
-            color: Theme.secondaryText
-            font.pixelSize: Theme.bodySize
-            horizontalAlignment: Text.AlignHCenter
-            verticalAlignment: Text.AlignVCenter
-            Accessible.role: Accessible.StaticText
-            Accessible.name: text
+
+        ColumnLayout {
+            id: main
+            spacing: 0
+
+            // What the status button says for each readiness, in the order of its values.
+            readonly property var readinessTexts: ["Needs attention", "Working…", "No chat model", "Models missing", "Ready"]
+
+            Shortcut {
+                sequence: "Ctrl+N"
+                context: Qt.WindowShortcut
+                onActivated: AppModel.newChat(-1)
+            }
+            Shortcut {
+                sequence: "Ctrl+Shift+N"
+                context: Qt.WindowShortcut
+                onActivated: sidebar.newFolder(-1)
+            }
+            Shortcut {
+                sequence: "Ctrl+,"
+                context: Qt.WindowShortcut
+                onActivated: settings.open()
+            }
+            Shortcut {
+                sequence: "Ctrl+L"
+                context: Qt.WindowShortcut
+                onActivated: chatPane.focusComposer()
+            }
+            Shortcut {
+                sequence: "Escape"
+                context: Qt.WindowShortcut
+                enabled: AppModel.isGenerating
+                onActivated: AppModel.stopReply()
+            }
+
+            // The toolbar: where things stand, privacy, settings.
+            Rectangle {
+                Layout.fillWidth: true
+                implicitHeight: toolbar.implicitHeight + Theme.spacing
+                color: Theme.sidebar
+
+                RowLayout {
+                    id: toolbar
+                    anchors.fill: parent
+                    anchors.leftMargin: Theme.spacing
+                    anchors.rightMargin: Theme.spacing
+                    spacing: Theme.spacing / 2
+
+                    Label {
+                        text: "Corvane"
+                        font.pixelSize: Theme.bodySize
+                        font.bold: true
+                        color: Theme.text
+                        Accessible.role: Accessible.Heading
+                        Accessible.name: text
+                    }
+                    Item { Layout.fillWidth: true }
+                    Button {
+                        objectName: "privacyButton"
+                        text: "Private to this computer"
+                        flat: true
+                        Accessible.name: text
+                        onClicked: privacyNote.open()
+                    }
+                    Button {
+                        objectName: "statusButton"
+                        text: main.readinessTexts[AppModel.readiness] ?? ""
+                        flat: true
+                        palette.buttonText: AppModel.readiness === 0 ? Theme.error : Theme.text
+                        Accessible.name: "Status: " + text
+                        onClicked: settings.open()
+                    }
+                    Button {
+                        objectName: "settingsButton"
+                        text: "Settings"
+                        Accessible.name: "Settings"
+                        onClicked: settings.open()
+                    }
+                }
+            }
+
+            // The one-line status banner; errors stand out.
+            Rectangle {
+                objectName: "statusBanner"
+                Layout.fillWidth: true
+                visible: AppModel.status !== ""
+                implicitHeight: statusText.implicitHeight + Theme.spacing
+                color: AppModel.statusIsError ? Theme.errorBackground : Theme.surface
+                border.color: AppModel.statusIsError ? Theme.error : Theme.border
+
+                Label {
+                    id: statusText
+                    objectName: "statusText"
+                    anchors.fill: parent
+                    anchors.leftMargin: Theme.spacing
+                    anchors.rightMargin: Theme.spacing
+                    verticalAlignment: Text.AlignVCenter
+                    text: AppModel.status
+                    elide: Text.ElideRight
+                    color: AppModel.statusIsError ? Theme.error : Theme.secondaryText
+                    Accessible.role: AppModel.statusIsError ? Accessible.AlertMessage : Accessible.StaticText
+                    Accessible.name: text
+                }
+            }
+
+            SplitView {
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                orientation: Qt.Horizontal
+
+                Sidebar {
+                    id: sidebar
+                    objectName: "sidebar"
+                    SplitView.preferredWidth: Theme.sidebarWidth
+                    SplitView.minimumWidth: 180
+                }
+                ChatPane {
+                    id: chatPane
+                    objectName: "chatPane"
+                    SplitView.fillWidth: true
+                    SplitView.minimumWidth: 300
+                }
+            }
+
+            SettingsSheet {
+                id: settings
+            }
+
+            Dialog {
+                id: privacyNote
+                objectName: "privacyNote"
+                parent: Overlay.overlay
+                anchors.centerIn: parent
+                width: Math.min(420, window.width - 2 * Theme.largeSpacing)
+                modal: true
+                title: "Private to this computer"
+                standardButtons: Dialog.Ok
+
+                Label {
+                    objectName: "privacyNoteText"
+                    width: parent.width
+                    text: "Your chats, prompts, and recordings stay on this computer. Chat and dictation use local models. Only model downloads use the internet."
+                    wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
+                }
+            }
         }
     }
 }

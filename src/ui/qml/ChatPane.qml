@@ -1,0 +1,231 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Corvane
+
+// The selected chat: its messages (a virtualised list kept at the end while a reply grows,
+// unless the user scrolled up), the reply being written, and the composer. Without a chat,
+// or without messages, a short explanation instead.
+Rectangle {
+    id: pane
+
+    color: Theme.window
+    Accessible.role: Accessible.Pane
+    Accessible.name: AppModel.currentChatTitle !== "" ? AppModel.currentChatTitle : "Chat"
+
+    function focusComposer() {
+        composer.focusInput()
+    }
+
+    readonly property bool hasChat: AppModel.currentChatID >= 0
+    readonly property bool showsLiveReply: AppModel.isGenerating
+    readonly property string liveText: AppModel.liveDisplay !== "" ? AppModel.liveDisplay : AppModel.liveReply
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        Label {
+            objectName: "chatTitle"
+            visible: pane.hasChat
+            Layout.fillWidth: true
+            Layout.margins: Theme.spacing
+            text: AppModel.currentChatTitle
+            elide: Text.ElideRight
+            font.pixelSize: Theme.headingSize
+            font.bold: true
+            color: Theme.text
+            Accessible.role: Accessible.Heading
+            Accessible.name: text
+        }
+
+        Item {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+
+            ListView {
+                id: list
+                objectName: "messageList"
+
+                /// The view follows new text only while the user is at the end.
+                property bool followsEnd: true
+
+                function scrollToEnd() {
+                    if (followsEnd)
+                        Qt.callLater(list.positionViewAtEnd)
+                }
+
+                anchors.fill: parent
+                visible: count > 0 || pane.showsLiveReply
+                clip: true
+                reuseItems: true
+                cacheBuffer: 800
+                boundsBehavior: Flickable.StopAtBounds
+                ScrollBar.vertical: ScrollBar {}
+                Accessible.role: Accessible.List
+                Accessible.name: "Messages"
+
+                model: MessageListModel {
+                    id: messages
+                    source: AppModel
+                    onModelReset: {
+                        list.followsEnd = true
+                        list.scrollToEnd()
+                    }
+                }
+
+                delegate: MessageRow {
+                    width: list.width
+                    onSummaryRequested: summaryPopup.open()
+                    onMetadataRequested: (id) => metadataPopup.show(id)
+                }
+
+                // Wrapped: a view's footer component cannot have required properties.
+                footer: Item {
+                    width: list.width
+                    height: pane.showsLiveReply ? liveRow.implicitHeight : 0
+
+                    MessageRow {
+                        id: liveRow
+                        objectName: "liveReply"
+                        width: parent.width
+                        visible: pane.showsLiveReply
+                        messageID: -1
+                        role: "assistant"
+                        text: pane.liveText !== "" ? pane.liveText : "…"
+                        hasImage: false
+                        showsSummaryMarker: false
+                        isLive: true
+                    }
+                }
+
+                onMovementEnded: followsEnd = atYEnd
+                onCountChanged: scrollToEnd()
+                onContentHeightChanged: scrollToEnd()
+                onHeightChanged: scrollToEnd()
+            }
+
+            // No chat selected.
+            Label {
+                objectName: "noChatSelected"
+                anchors.centerIn: parent
+                width: Math.min(parent.width - 2 * Theme.largeSpacing, Theme.contentWidth)
+                visible: !pane.hasChat
+                text: "Create or select a chat in the sidebar."
+                wrapMode: Text.WordWrap
+                horizontalAlignment: Text.AlignHCenter
+                color: Theme.secondaryText
+                font.pixelSize: Theme.bodySize
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
+            }
+
+            // A chat without messages: what to do first.
+            ColumnLayout {
+                objectName: "emptyChat"
+                anchors.centerIn: parent
+                width: Math.min(parent.width - 2 * Theme.largeSpacing, Theme.contentWidth)
+                visible: pane.hasChat && !list.visible
+                spacing: Theme.spacing
+
+                Label {
+                    objectName: "emptyChatHeading"
+                    Layout.fillWidth: true
+                    text: AppModel.hasChatModel ? "Start a conversation" : "Install a chat model"
+                    horizontalAlignment: Text.AlignHCenter
+                    font.pixelSize: Theme.titleSize
+                    font.bold: true
+                    color: Theme.text
+                    Accessible.role: Accessible.Heading
+                    Accessible.name: text
+                }
+                Label {
+                    objectName: "emptyChatText"
+                    Layout.fillWidth: true
+                    text: AppModel.hasChatModel
+                          ? "Everything is private. Your chats, images, and data stay on this computer and are never sent to a server, so you can talk about anything."
+                            + (AppModel.hasImageSupport ? "\n\nDrop an image here to show it to " + AppModel.currentAgentName : "")
+                            + (AppModel.currentChatIsSealed ? "\n\nThis chat is in a locked folder, so it's also encrypted and needs your password to open." : "")
+                          : AppModel.currentAgentName + " needs a chat model on this computer before it can reply."
+                    wrapMode: Text.WordWrap
+                    horizontalAlignment: Text.AlignHCenter
+                    font.pixelSize: Theme.bodySize
+                    color: Theme.secondaryText
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
+                }
+            }
+        }
+
+        Composer {
+            id: composer
+            visible: pane.hasChat
+            Layout.fillWidth: true
+        }
+    }
+
+    Dialog {
+        id: summaryPopup
+        objectName: "summaryPopup"
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        width: Math.min(560, (parent ? parent.width : 600) - 2 * Theme.largeSpacing)
+        height: Math.min(implicitHeight, (parent ? parent.height : 600) - 2 * Theme.largeSpacing)
+        modal: true
+        title: "Summary of earlier messages"
+        standardButtons: Dialog.Close
+
+        ScrollView {
+            anchors.fill: parent
+            contentWidth: availableWidth
+            Label {
+                objectName: "summaryText"
+                width: parent.width
+                text: AppModel.currentChatSummary
+                wrapMode: Text.WordWrap
+                color: Theme.text
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
+            }
+        }
+    }
+
+    Dialog {
+        id: metadataPopup
+        objectName: "metadataPopup"
+
+        property var details: ({})
+
+        function show(messageID: real) {
+            details = AppModel.messageMetadata(messageID)
+            open()
+        }
+
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        width: Math.min(560, (parent ? parent.width : 600) - 2 * Theme.largeSpacing)
+        height: Math.min(implicitHeight, (parent ? parent.height : 600) - 2 * Theme.largeSpacing)
+        modal: true
+        title: "What the model saw"
+        standardButtons: Dialog.Close
+
+        ScrollView {
+            anchors.fill: parent
+            contentWidth: availableWidth
+            Label {
+                objectName: "metadataText"
+                width: parent.width
+                wrapMode: Text.WordWrap
+                color: Theme.text
+                text: metadataPopup.details.model === undefined
+                      ? "Nothing was recorded for this message."
+                      : "Model: " + metadataPopup.details.model
+                        + "\nTemperature: " + Number(metadataPopup.details.temperature).toFixed(1)
+                        + "\nMaximum tokens: " + metadataPopup.details.maxTokens
+                        + "\n\nPrompt:\n" + (metadataPopup.details.prompt !== "" ? metadataPopup.details.prompt : "(none)")
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
+            }
+        }
+    }
+}

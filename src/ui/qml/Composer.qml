@@ -1,0 +1,78 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Corvane
+
+// Where the user writes: Enter sends, Shift+Enter starts a new line. The send button turns
+// into Stop while a reply is being written.
+Rectangle {
+    id: composer
+
+    function focusInput() {
+        input.forceActiveFocus()
+    }
+
+    implicitHeight: layout.implicitHeight + Theme.spacing * 2
+    color: Theme.window
+
+    RowLayout {
+        id: layout
+        anchors.fill: parent
+        anchors.margins: Theme.spacing
+        spacing: Theme.spacing / 2
+
+        ScrollView {
+            Layout.fillWidth: true
+            Layout.preferredHeight: Math.min(Math.max(input.implicitHeight, 40), 160)
+
+            TextArea {
+                id: input
+                objectName: "composerInput"
+                text: AppModel.composer
+                placeholderText: "Message " + AppModel.currentAgentName
+                wrapMode: TextEdit.Wrap
+                font.pixelSize: Theme.bodySize
+                selectByMouse: true
+                Accessible.role: Accessible.EditableText
+                Accessible.name: "Message"
+                background: Rectangle {
+                    color: Theme.surface
+                    border.color: input.activeFocus ? Theme.accent : Theme.border
+                    radius: 8
+                }
+                onTextChanged: {
+                    if (text !== AppModel.composer)
+                        AppModel.composer = text
+                }
+
+                function handleEnter(event: var) {
+                    // Shift+Enter falls through to the text area, which adds a line break.
+                    if (event.modifiers & Qt.ShiftModifier) {
+                        event.accepted = false
+                        return
+                    }
+                    event.accepted = true
+                    if (AppModel.canSend)
+                        AppModel.send()
+                }
+                Keys.onReturnPressed: (event) => handleEnter(event)
+                Keys.onEnterPressed: (event) => handleEnter(event)
+            }
+        }
+
+        Button {
+            objectName: "sendButton"
+            Layout.alignment: Qt.AlignBottom
+            text: AppModel.isGenerating ? "Stop" : "Send"
+            enabled: AppModel.isGenerating || AppModel.canSend
+            highlighted: !AppModel.isGenerating
+            Accessible.name: AppModel.isGenerating ? "Stop reply" : "Send message"
+            onClicked: {
+                if (AppModel.isGenerating)
+                    AppModel.stopReply()
+                else
+                    AppModel.send()
+            }
+        }
+    }
+}

@@ -1,0 +1,126 @@
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Corvane
+
+// One message: the user's in a bubble on the right, the assistant's across the full width,
+// both as Markdown. Above the first message after a summary, a marker explains it.
+Item {
+    id: row
+
+    required property real messageID
+    required property string role
+    required property string text
+    required property bool hasImage
+    required property bool showsSummaryMarker
+    /// The reply being written now, not yet stored.
+    property bool isLive: false
+
+    readonly property bool isUser: role === "user"
+    readonly property real maxBubbleWidth: Math.max(120, width * 0.75)
+
+    signal summaryRequested()
+    signal metadataRequested(real messageID)
+
+    implicitHeight: column.implicitHeight + Theme.spacing
+
+    Accessible.role: Accessible.ListItem
+    Accessible.name: (isUser ? "You: " : "Assistant: ") + text
+
+    ColumnLayout {
+        id: column
+        x: Theme.largeSpacing
+        y: Theme.spacing / 2
+        width: row.width - 2 * Theme.largeSpacing
+        spacing: Theme.spacing / 2
+
+        // Where the summary's reach ends: everything above is remembered through it.
+        ItemDelegate {
+            objectName: "summaryMarker"
+            visible: row.showsSummaryMarker
+            Layout.fillWidth: true
+            Accessible.name: "Earlier messages summarized. Click to read the summary."
+            onClicked: row.summaryRequested()
+            contentItem: ColumnLayout {
+                spacing: 2
+                Label {
+                    Layout.fillWidth: true
+                    text: "Earlier messages summarized"
+                    horizontalAlignment: Text.AlignHCenter
+                    font.pixelSize: Theme.smallSize
+                    font.bold: true
+                    color: Theme.secondaryText
+                }
+                Label {
+                    Layout.fillWidth: true
+                    text: "Corvane now remembers the messages above through a summary. Click to read it."
+                    horizontalAlignment: Text.AlignHCenter
+                    wrapMode: Text.WordWrap
+                    font.pixelSize: Theme.smallSize
+                    color: Theme.secondaryText
+                }
+            }
+            background: Rectangle {
+                color: "transparent"
+                border.color: Theme.border
+                radius: 6
+            }
+        }
+
+        Label {
+            visible: row.hasImage
+            Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
+            text: "🖼 Image"
+            font.pixelSize: Theme.smallSize
+            color: Theme.secondaryText
+            Accessible.role: Accessible.StaticText
+            Accessible.name: "Image attached"
+        }
+
+        Rectangle {
+            Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
+            Layout.preferredWidth: row.isUser ? Math.min(body.contentWidth + 1, row.maxBubbleWidth - 2 * Theme.spacing) + 2 * Theme.spacing
+                                              : column.width
+            Layout.preferredHeight: body.implicitHeight + (row.isUser ? Theme.spacing : 0)
+            radius: 10
+            color: row.isUser ? Theme.userBubble : "transparent"
+
+            TextEdit {
+                id: body
+                objectName: row.isLive ? "liveReplyText" : "messageText"
+                x: row.isUser ? Theme.spacing : 0
+                y: row.isUser ? Theme.spacing / 2 : 0
+                width: row.isUser ? row.maxBubbleWidth - 2 * Theme.spacing : column.width
+                text: row.text
+                textFormat: TextEdit.MarkdownText
+                readOnly: true
+                selectByMouse: true
+                wrapMode: TextEdit.Wrap
+                font.pixelSize: Theme.bodySize
+                color: Theme.text
+                selectionColor: Theme.accent
+                Accessible.role: Accessible.StaticText
+                Accessible.name: row.text
+                onLinkActivated: (link) => Qt.openUrlExternally(link)
+                onTextChanged: MarkdownStyle.apply(textDocument)
+                Component.onCompleted: MarkdownStyle.apply(textDocument)
+
+                HoverHandler {
+                    enabled: body.hoveredLink !== ""
+                    cursorShape: Qt.PointingHandCursor
+                }
+            }
+        }
+
+        Button {
+            objectName: "metadataButton"
+            visible: !row.isUser && !row.isLive && row.messageID >= 0
+            flat: true
+            padding: 2
+            text: "What the model saw"
+            font.pixelSize: Theme.smallSize
+            Accessible.name: text
+            onClicked: row.metadataRequested(row.messageID)
+        }
+    }
+}

@@ -1,0 +1,194 @@
+pragma ComponentBehavior: Bound
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Corvane
+
+// Settings for everything: the assistant's name and instructions, how replies are generated,
+// the downloaded models, and erasing all data. Texts are kept when the sheet closes.
+Dialog {
+    id: sheet
+    objectName: "settingsSheet"
+
+    // Approximate extra memory of each context size over 4K. Figured for a 2B chat model
+    // with an f16 KV cache of about 24 KB per token (keys and values at 2 bytes, a few
+    // grouped KV heads): 8K +0.1 GB, 16K +0.3 GB, 32K +0.7 GB, 64K +1.5 GB.
+    readonly property var contextChoices: [
+        { tokens: 4096, label: "4K", memory: "baseline" },
+        { tokens: 8192, label: "8K", memory: "+0.1 GB" },
+        { tokens: 16384, label: "16K", memory: "+0.3 GB" },
+        { tokens: 32768, label: "32K", memory: "+0.7 GB" },
+        { tokens: 65536, label: "64K", memory: "+1.5 GB" }
+    ]
+    readonly property var responseChoices: [300, 512, 1024, 2048]
+
+    parent: Overlay.overlay
+    anchors.centerIn: parent
+    width: Math.min(640, (parent ? parent.width : 700) - 2 * Theme.largeSpacing)
+    height: (parent ? parent.height : 700) - 2 * Theme.largeSpacing
+    modal: true
+    title: "Settings"
+    standardButtons: Dialog.Close
+
+    onOpened: {
+        agentName.text = AppModel.globalAgentName
+        globalPrompt.text = AppModel.globalPrompt
+    }
+    onClosed: {
+        if (agentName.text !== AppModel.globalAgentName)
+            AppModel.setGlobalAgentName(agentName.text)
+        if (globalPrompt.text !== AppModel.globalPrompt)
+            AppModel.setGlobalPrompt(globalPrompt.text)
+    }
+
+    component Heading: Label {
+        Layout.fillWidth: true
+        Layout.topMargin: Theme.spacing
+        font.pixelSize: Theme.headingSize - 2
+        font.bold: true
+        color: Theme.text
+        Accessible.role: Accessible.Heading
+        Accessible.name: text
+    }
+    component Note: Label {
+        Layout.fillWidth: true
+        wrapMode: Text.WordWrap
+        font.pixelSize: Theme.smallSize
+        color: Theme.secondaryText
+        Accessible.role: Accessible.StaticText
+        Accessible.name: text
+    }
+
+    ScrollView {
+        id: scroll
+        anchors.fill: parent
+        contentWidth: availableWidth
+
+        ColumnLayout {
+            width: scroll.availableWidth
+            spacing: Theme.spacing / 2
+
+            Heading { text: "Assistant name" }
+            TextField {
+                id: agentName
+                objectName: "globalAgentNameField"
+                Layout.fillWidth: true
+                placeholderText: "Corvane"
+                selectByMouse: true
+                Accessible.name: "Assistant name"
+                onEditingFinished: AppModel.setGlobalAgentName(text)
+            }
+            Note {
+                objectName: "agentNameNote"
+                text: "Folders and chats can use their own name. Corvane is used when this is empty."
+            }
+
+            Heading { text: "Instructions included in every reply" }
+            ScrollView {
+                Layout.fillWidth: true
+                Layout.preferredHeight: 100
+                TextArea {
+                    id: globalPrompt
+                    objectName: "globalPromptField"
+                    wrapMode: TextEdit.Wrap
+                    background: Rectangle {
+                        color: Theme.surface
+                        border.color: Theme.border
+                        radius: 4
+                    }
+                    selectByMouse: true
+                    Accessible.name: "Instructions included in every reply"
+                }
+            }
+            Note { text: "Applies to every folder and chat." }
+
+            Heading { text: "Response generation" }
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Temperature"
+                    color: Theme.text
+                }
+                Slider {
+                    id: temperature
+                    objectName: "temperatureSlider"
+                    Layout.fillWidth: true
+                    from: 0
+                    to: 1.5
+                    stepSize: 0.1
+                    snapMode: Slider.SnapAlways
+                    value: AppModel.temperature
+                    Accessible.name: "Temperature"
+                    onMoved: AppModel.setTemperature(Math.round(value * 10) / 10)
+                }
+                Label {
+                    text: temperature.value.toFixed(1)
+                    color: Theme.secondaryText
+                    Accessible.ignored: true
+                }
+            }
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Maximum response"
+                    color: Theme.text
+                }
+                ComboBox {
+                    objectName: "maxResponseChoice"
+                    Layout.fillWidth: true
+                    model: sheet.responseChoices.map(n => n + " tokens")
+                    currentIndex: sheet.responseChoices.indexOf(AppModel.maxResponseTokens)
+                    Accessible.name: "Maximum response"
+                    onActivated: (i) => AppModel.setMaxResponseTokens(sheet.responseChoices[i])
+                }
+            }
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Conversation context"
+                    color: Theme.text
+                }
+                ComboBox {
+                    objectName: "contextChoice"
+                    Layout.fillWidth: true
+                    model: sheet.contextChoices.map(c => c.label + " tokens (" + c.memory + ")")
+                    currentIndex: sheet.contextChoices.findIndex(c => c.tokens === AppModel.contextTokens)
+                    Accessible.name: "Conversation context"
+                    onActivated: (i) => AppModel.setContextTokens(sheet.contextChoices[i].tokens)
+                }
+            }
+            Note {
+                objectName: "generationNote"
+                text: "Lower temperature is more predictable; higher is more varied. RAM figures are approximate extra memory compared with 4K, and longer context is slower to read. When a chat outgrows its context, older messages are summarized in the background and the full chat stays visible. The maximum response is a limit, not a target."
+            }
+
+            Heading { text: "Downloaded models" }
+            ModelSettings {
+                Layout.fillWidth: true
+            }
+
+            Heading { text: "Erase all Corvane data" }
+            Note { text: "Removes chats, folders, scripts, prompts, settings, and downloaded models." }
+            Button {
+                objectName: "eraseButton"
+                text: "Erase all Corvane data…"
+                enabled: !AppModel.isBusy
+                palette.buttonText: Theme.error
+                Accessible.name: "Erase all Corvane data"
+                onClicked: eraseDialog.open()
+            }
+        }
+    }
+
+    ConfirmDialog {
+        id: eraseDialog
+        objectName: "eraseDialog"
+        title: "Erase all Corvane data?"
+        text: "This permanently deletes all chats, folders, scripts, prompts, settings, and downloaded models from this computer. You will need to download models again."
+        acceptText: "Erase"
+        onAccepted: {
+            if (AppModel.eraseAllData())
+                sheet.close()
+        }
+    }
+}

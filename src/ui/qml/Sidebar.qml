@@ -1,0 +1,213 @@
+pragma ComponentBehavior: Bound
+import QtQuick
+import QtQuick.Controls
+import QtQuick.Layouts
+import Corvane
+
+// The folder tree: folders with their sub-folders and chats, selection, inline renaming,
+// moving chats by dragging them onto a folder, and each row's actions.
+Rectangle {
+    id: sidebar
+
+    /// "folder:ID" or "chat:ID" of the row being renamed in place, empty when none.
+    property string editingKey: ""
+
+    // The row whose menu is open.
+    property string menuKind: ""
+    property real menuID: -1
+    property string menuName: ""
+
+    color: Theme.sidebar
+    Accessible.role: Accessible.Pane
+    Accessible.name: "Folders and chats"
+
+    /// Adds a folder (under `parentID`, -1 for the top level) and starts renaming it.
+    function newFolder(parentID: real) {
+        const id = AppModel.newFolder(parentID)
+        if (id >= 0) {
+            if (parentID >= 0)
+                tree.setCollapsed(parentID, false)
+            editingKey = "folder:" + id
+        }
+    }
+
+    function newChatIn(folderID: real) {
+        tree.setCollapsed(folderID, false)
+        AppModel.newChat(folderID)
+    }
+
+    function openMenu(kind: string, id: real, name: string) {
+        menuKind = kind
+        menuID = id
+        menuName = name
+        if (kind === "folder")
+            folderMenu.popup()
+        else
+            chatMenu.popup()
+    }
+
+    /// Asks before deleting a folder with everything in it, or a chat with its messages.
+    function confirmDelete(kind: string, id: real, name: string) {
+        deleteDialog.kind = kind
+        deleteDialog.itemID = id
+        deleteDialog.title = "Delete “" + name + "”?"
+        deleteDialog.text = kind === "folder"
+                ? "Delete “" + name + "” and all of its chats and subfolders? This cannot be undone."
+                : "Delete “" + name + "” and its messages? This cannot be undone."
+        deleteDialog.open()
+    }
+
+    function openSettings(kind: string, id: real) {
+        if (kind === "folder") {
+            folderSettings.folderID = id
+            folderSettings.open()
+        } else {
+            chatSettings.chatID = id
+            chatSettings.open()
+        }
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        RowLayout {
+            Layout.fillWidth: true
+            Layout.margins: Theme.spacing / 2
+            spacing: Theme.spacing / 2
+
+            Button {
+                objectName: "newChatButton"
+                Layout.fillWidth: true
+                text: "New chat"
+                Accessible.name: "New chat"
+                onClicked: AppModel.newChat(-1)
+            }
+            Button {
+                objectName: "newFolderButton"
+                Layout.fillWidth: true
+                text: "New folder"
+                Accessible.name: "New folder"
+                onClicked: sidebar.newFolder(-1)
+            }
+        }
+
+        ListView {
+            id: list
+            objectName: "sidebarList"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            clip: true
+            reuseItems: true
+            boundsBehavior: Flickable.StopAtBounds
+            ScrollBar.vertical: ScrollBar {}
+            Accessible.role: Accessible.Tree
+            Accessible.name: "Folders and chats"
+
+            model: SidebarModel {
+                id: tree
+                source: AppModel
+            }
+
+            delegate: SidebarRow {
+                id: row
+                width: list.width
+                editing: sidebar.editingKey === row.kind + ":" + row.itemID
+                onSelected: {
+                    if (row.kind === "folder")
+                        AppModel.selectFolder(row.itemID)
+                    else
+                        AppModel.selectChat(row.itemID)
+                }
+                onToggled: tree.toggleCollapsed(row.itemID)
+                onMenuRequested: sidebar.openMenu(row.kind, row.itemID, row.name)
+                onRenameRequested: sidebar.editingKey = row.kind + ":" + row.itemID
+                onRenameFinished: (newName) => {
+                    sidebar.editingKey = ""
+                    if (newName.trim() === "" || newName === row.name)
+                        return
+                    if (row.kind === "folder")
+                        AppModel.renameNode(row.itemID, newName)
+                    else
+                        AppModel.renameChat(row.itemID, newName)
+                }
+                onRenameCancelled: sidebar.editingKey = ""
+                onChatDropped: (chatID) => AppModel.moveChat(chatID, row.itemID)
+            }
+        }
+    }
+
+    Menu {
+        id: folderMenu
+        objectName: "folderMenu"
+        MenuItem {
+            text: "New chat in this folder"
+            Accessible.name: text
+            onTriggered: sidebar.newChatIn(sidebar.menuID)
+        }
+        MenuItem {
+            text: "New folder"
+            Accessible.name: "New folder inside " + sidebar.menuName
+            onTriggered: sidebar.newFolder(sidebar.menuID)
+        }
+        MenuItem {
+            text: "Rename"
+            Accessible.name: text
+            onTriggered: sidebar.editingKey = "folder:" + sidebar.menuID
+        }
+        MenuItem {
+            text: "Folder settings…"
+            Accessible.name: text
+            onTriggered: sidebar.openSettings("folder", sidebar.menuID)
+        }
+        MenuSeparator {}
+        MenuItem {
+            text: "Delete…"
+            Accessible.name: "Delete folder"
+            onTriggered: sidebar.confirmDelete("folder", sidebar.menuID, sidebar.menuName)
+        }
+    }
+
+    Menu {
+        id: chatMenu
+        objectName: "chatMenu"
+        MenuItem {
+            text: "Rename"
+            Accessible.name: text
+            onTriggered: sidebar.editingKey = "chat:" + sidebar.menuID
+        }
+        MenuItem {
+            text: "Chat settings…"
+            Accessible.name: text
+            onTriggered: sidebar.openSettings("chat", sidebar.menuID)
+        }
+        MenuSeparator {}
+        MenuItem {
+            text: "Delete…"
+            Accessible.name: "Delete chat"
+            onTriggered: sidebar.confirmDelete("chat", sidebar.menuID, sidebar.menuName)
+        }
+    }
+
+    ConfirmDialog {
+        id: deleteDialog
+        objectName: "deleteDialog"
+        property string kind: ""
+        property real itemID: -1
+        acceptText: "Delete"
+        onAccepted: {
+            if (kind === "folder")
+                AppModel.deleteFolder(itemID)
+            else
+                AppModel.deleteChat(itemID)
+        }
+    }
+
+    FolderSettingsSheet {
+        id: folderSettings
+    }
+
+    ChatSettingsSheet {
+        id: chatSettings
+    }
+}

@@ -1,0 +1,529 @@
+// The main window on a real AppModel with a chat model "installed" (a link to the generated
+// test model): a chat with a Markdown reply, the settings sheet, a delete confirmation, and a
+// reply streamed from the real llama-server, sent with Enter and stopped with Escape.
+// Pictures are saved under build/test-output/.
+#include "app/app_model.h"
+#include "app_model_singleton.h"
+#include "storage/database.h"
+#include "support/database_rows.h"
+
+#include <QDir>
+#include <QFile>
+#include <QGuiApplication>
+#include <QImage>
+#include <QQmlApplicationEngine>
+#include <QQmlExtensionPlugin>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QWheelEvent>
+
+Q_IMPORT_QML_PLUGIN(CorvanePlugin)
+
+namespace {
+
+const QString s_testModel = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+
+const QString s_markdownReply = QStringLiteral(
+    "Here is a **short** answer with a list:\n\n"
+    "1. First point\n"
+    "2. Second point with `inline code`\n\n"
+    "```\nint main() { return 0; }\n```\n\n"
+    "See [Qt](https://www.qt.io) for more.");
+
+// Items that a Loader or a view creates are reachable through the visual tree, not QObject
+// children; popups and their dialogs are QObject children. A view's rows share object names,
+// so a visible match is preferred.
+QObject *findObject(QQuickWindow *window, const QString &objectName)
+{
+    QQuickItem *hidden = nullptr;
+    std::function<QQuickItem *(QQuickItem *)> visit = [&](QQuickItem *item) -> QQuickItem * {
+        if (item->objectName() == objectName) {
+            if (item->isVisible())
+                return item;
+            if (!hidden)
+                hidden = item;
+        }
+        for (QQuickItem *child : item->childItems())
+            if (QQuickItem *found = visit(child))
+                return found;
+        return nullptr;
+    };
+    if (QQuickItem *item = visit(window->contentItem()))
+        return item;
+    if (hidden)
+        return hidden;
+    return window->findChild<QObject *>(objectName);
+}
+
+QQuickItem *findItem(QQuickWindow *window, const QString &objectName)
+{
+    return qobject_cast<QQuickItem *>(findObject(window, objectName));
+}
+
+qint64 addAssistantMessage(Database &db, qint64 chatID, const QString &body, const QString &metadata)
+{
+    db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) VALUES(?,?,?,?,?,'','',0,'')"),
+               {DBValue::integer(chatID), DBValue::text(QStringLiteral("assistant")), DBValue::text(body),
+                DBValue::text(QStringLiteral("2026-11-15T20:21:02Z")), DBValue::text(metadata)});
+    return db.lastInsertedID();
+}
+
+// QTest::keyClicks exists only for widgets.
+void typeInto(QWindow *window, const QString &text)
+{
+    for (const QChar c : text)
+        QTest::keyClick(window, c.toLatin1());
+}
+
+// Dark pixels on the light window: text was drawn.
+int darkPixels(const QImage &image)
+{
+    int dark = 0;
+    for (int y = 0; y < image.height(); y += 2)
+        for (int x = 0; x < image.width(); x += 2)
+            dark += qGray(image.pixel(x, y)) < 100;
+    return dark;
+}
+
+} // namespace
+
+class TestMainWindow : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_data;
+    std::unique_ptr<AppModel> m_model;
+    QQmlApplicationEngine m_engine;
+    QQuickWindow *m_window = nullptr;
+    qint64 m_markdownChat = -1;
+    qint64 m_workFolder = -1;
+    qint64 m_question = -1;
+
+    void savePicture(const QString &name, int settleMs = 300)
+    {
+        // Let the view settle (positioning, popups' transitions) before the picture.
+        QTest::qWait(settleMs);
+        const QImage image = m_window->grabWindow();
+        QVERIFY(!image.isNull());
+        QVERIFY(QDir().mkpath(QStringLiteral(CORVANE_TEST_OUTPUT_DIR)));
+        QVERIFY(image.save(QStringLiteral(CORVANE_TEST_OUTPUT_DIR "/") + name));
+        QVERIFY2(darkPixels(image) > 200, qPrintable(name));
+    }
+
+    void type(const QString &text) { typeInto(m_window, text); }
+
+    QString textOf(const QString &objectName)
+    {
+        QObject *object = findObject(m_window, objectName);
+        return object ? object->property("text").toString() : QStringLiteral("<missing %1>").arg(objectName);
+    }
+
+    void closePopup(const QString &objectName)
+    {
+        QObject *popup = findObject(m_window, objectName);
+        QVERIFY(popup);
+        QVERIFY(QMetaObject::invokeMethod(popup, "close"));
+        QTRY_VERIFY(!popup->property("visible").toBool());
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Any QML warning is a fault in the window.
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
+        QVERIFY(m_data.isValid());
+        const QString support = m_data.filePath(QStringLiteral("Corvane"));
+        qputenv("CORVANE_DATA_DIR", support.toUtf8());
+
+        // The generated model, "installed" under the catalogue entry's file name.
+        QVERIFY2(QFileInfo::exists(s_testModel), qPrintable(s_testModel));
+        QVERIFY(QDir().mkpath(support + QStringLiteral("/Models")));
+        QVERIFY(QFile::link(s_testModel, support + QStringLiteral("/Models/chat.gguf")));
+        ModelSpec spec;
+        spec.id = QStringLiteral("test-chat");
+        spec.name = QStringLiteral("Test chat model");
+        spec.fileName = QStringLiteral("chat.gguf");
+        spec.byteCount = QFileInfo(s_testModel).size();
+        spec.sha256 = QString(64, QLatin1Char('0'));
+        spec.role = ModelSpec::Role::Chat;
+        m_model = std::make_unique<AppModel>(QList<ModelSpec>{spec});
+        QVERIFY(m_model->hasChatModel());
+
+        // A folder with a chat that holds a question and a Markdown answer.
+        const qint64 work = m_workFolder = m_model->newFolder(-1);
+        m_model->renameNode(work, QStringLiteral("Work"));
+        m_model->newChat(work);
+        m_markdownChat = m_model->currentChatID();
+        m_model->renameChat(m_markdownChat, QStringLiteral("Markdown answers"));
+        m_question = addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
+        addAssistantMessage(m_model->database(), m_markdownChat, s_markdownReply,
+                            QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024})"));
+        m_model->reload(true);
+
+        AppModelSingleton::instance = m_model.get();
+        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
+        QCOMPARE(m_engine.rootObjects().size(), 1);
+        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
+        QVERIFY(m_window);
+        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+    }
+
+    void showsTheChatWithItsMessages()
+    {
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("messageList")));
+        QQuickItem *list = findItem(m_window, QStringLiteral("messageList"));
+        QTRY_COMPARE(list->property("count").toInt(), 2);
+        QCOMPARE(textOf(QStringLiteral("chatTitle")), QStringLiteral("Markdown answers"));
+        QVERIFY(!findItem(m_window, QStringLiteral("noChatSelected"))->isVisible());
+        QVERIFY(!findItem(m_window, QStringLiteral("emptyChat"))->isVisible());
+        // The sidebar lists Inbox, Work and the chat.
+        QTRY_COMPARE(findItem(m_window, QStringLiteral("sidebarList"))->property("count").toInt(), 3);
+        savePicture(QStringLiteral("main-window.png"));
+    }
+
+    void whatTheModelSaw()
+    {
+        QQuickItem *button = findItem(m_window, QStringLiteral("metadataButton"));
+        QVERIFY(button);
+        QTRY_VERIFY(button->isVisible());
+        QVERIFY(QMetaObject::invokeMethod(button, "clicked"));
+        QTRY_VERIFY(findObject(m_window, QStringLiteral("metadataPopup"))->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("metadataText")),
+                 QStringLiteral("Model: test-chat\nTemperature: 0.7\nMaximum tokens: 1024\n\nPrompt:\nYour name is Corvane."));
+        closePopup(QStringLiteral("metadataPopup"));
+    }
+
+    void privacyNote()
+    {
+        QVERIFY(QMetaObject::invokeMethod(findItem(m_window, QStringLiteral("privacyButton")), "clicked"));
+        QTRY_VERIFY(findObject(m_window, QStringLiteral("privacyNote"))->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("privacyNoteText")),
+                 QStringLiteral("Your chats, prompts, and recordings stay on this computer. Chat and dictation use "
+                                "local models. Only model downloads use the internet."));
+        closePopup(QStringLiteral("privacyNote"));
+    }
+
+    void settingsSheet_data()
+    {
+        QTest::addColumn<QString>("objectName");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("assistant name") << "agentNameNote"
+                                        << "Folders and chats can use their own name. Corvane is used when this is empty.";
+        QTest::newRow("generation")
+            << "generationNote"
+            << "Lower temperature is more predictable; higher is more varied. RAM figures are approximate extra memory "
+               "compared with 4K, and longer context is slower to read. When a chat outgrows its context, older "
+               "messages are summarized in the background and the full chat stays visible. The maximum response is a "
+               "limit, not a target.";
+        QTest::newRow("context sizes") << "contextChoice" << "16K tokens (+0.3 GB)";
+        QTest::newRow("maximum response") << "maxResponseChoice" << "1024 tokens";
+        QTest::newRow("assistant name field") << "globalAgentNameField" << "Corvane";
+    }
+
+    void settingsSheet()
+    {
+        QFETCH(QString, objectName);
+        QFETCH(QString, text);
+        QObject *sheet = findObject(m_window, QStringLiteral("settingsSheet"));
+        QVERIFY(sheet);
+        if (!sheet->property("opened").toBool()) {
+            QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
+            QTRY_VERIFY(sheet->property("opened").toBool());
+        }
+        const QString key = objectName.endsWith(QLatin1String("Choice")) ? QStringLiteral("displayText") : QStringLiteral("text");
+        QCOMPARE(findObject(m_window, objectName)->property(key.toUtf8()).toString(), text);
+    }
+
+    void settingsSheetPicture()
+    {
+        QVERIFY(findObject(m_window, QStringLiteral("settingsSheet"))->property("opened").toBool());
+        savePicture(QStringLiteral("settings.png"));
+        closePopup(QStringLiteral("settingsSheet"));
+    }
+
+    void deleteConfirmation_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("chat") << "chat" << "Markdown answers"
+                              << "Delete “Markdown answers” and its messages? This cannot be undone.";
+        QTest::newRow("folder") << "folder" << "Work"
+                                << "Delete “Work” and all of its chats and subfolders? This cannot be undone.";
+    }
+
+    void deleteConfirmation()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QString, name);
+        QFETCH(QString, text);
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QVERIFY(sidebar);
+        const qint64 id = kind == QLatin1String("chat") ? m_markdownChat : m_workFolder;
+        QVERIFY(QMetaObject::invokeMethod(sidebar, "confirmDelete", Q_ARG(QString, kind), Q_ARG(double, double(id)),
+                                          Q_ARG(QString, name)));
+        QObject *dialog = findObject(m_window, QStringLiteral("deleteDialog"));
+        QTRY_VERIFY(dialog->property("opened").toBool());
+        QCOMPARE(dialog->property("title").toString(), QStringLiteral("Delete “%1”?").arg(name));
+        QCOMPARE(textOf(QStringLiteral("deleteDialogText")), text);
+        QCOMPARE(textOf(QStringLiteral("deleteDialogAccept")), QStringLiteral("Delete"));
+        QCOMPARE(textOf(QStringLiteral("deleteDialogCancel")), QStringLiteral("Cancel"));
+        if (kind == QLatin1String("folder"))
+            savePicture(QStringLiteral("delete-folder.png"));
+        // Cancel keeps everything.
+        QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("deleteDialogCancel")), "clicked"));
+        QTRY_VERIFY(!dialog->property("visible").toBool());
+        QCOMPARE(m_model->chats().size(), 1);
+    }
+
+    void summaryMarker()
+    {
+        const QString summary = QStringLiteral("The user asked to see Markdown.");
+        m_model->database().setChatSummary(summary, m_question, m_markdownChat);
+        m_model->reload();
+        QQuickItem *marker = findItem(m_window, QStringLiteral("summaryMarker"));
+        QVERIFY(marker);
+        QTRY_VERIFY(marker->isVisible());
+        QVERIFY(QMetaObject::invokeMethod(marker, "clicked"));
+        QObject *popup = findObject(m_window, QStringLiteral("summaryPopup"));
+        QTRY_VERIFY(popup->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("summaryText")), summary);
+        savePicture(QStringLiteral("summary.png"));
+        closePopup(QStringLiteral("summaryPopup"));
+    }
+
+    void inlineRename_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("Enter renames a chat") << "chat" << int(Qt::Key_Return) << "Renamed";
+        QTest::newRow("Escape keeps the title") << "chat" << int(Qt::Key_Escape) << "Renamed";
+        QTest::newRow("Enter renames a folder") << "folder" << int(Qt::Key_Return) << "Renamed";
+    }
+
+    void inlineRename()
+    {
+        QFETCH(QString, kind);
+        QFETCH(int, key);
+        QFETCH(QString, expected);
+        const bool chat = kind == QLatin1String("chat");
+        const qint64 id = chat ? m_markdownChat : m_workFolder;
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        sidebar->setProperty("editingKey", QStringLiteral("%1:%2").arg(kind).arg(id));
+        QQuickItem *field = findItem(m_window, QStringLiteral("renameField"));
+        QVERIFY(field);
+        QTRY_VERIFY(field->hasActiveFocus());
+        type(key == Qt::Key_Escape ? QStringLiteral("Other") : QStringLiteral("Renamed"));
+        QTest::keyClick(m_window, Qt::Key(key));
+        QTRY_COMPARE(sidebar->property("editingKey").toString(), QString());
+        QCOMPARE(chat ? m_model->chatDetails(id).value("title").toString() : m_model->folderDetails(id).value("name").toString(),
+                 expected);
+        if (!chat)
+            m_model->renameNode(id, QStringLiteral("Work"));
+    }
+
+    void folderAndChatSettings()
+    {
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QVERIFY(QMetaObject::invokeMethod(sidebar, "openSettings", Q_ARG(QString, QStringLiteral("folder")),
+                                          Q_ARG(double, double(m_workFolder))));
+        QObject *folderSheet = findObject(m_window, QStringLiteral("folderSettingsSheet"));
+        QTRY_VERIFY(folderSheet->property("opened").toBool());
+        QCOMPARE(textOf(QStringLiteral("folderPromptNote")), QStringLiteral("Applies only to Work and everything inside it."));
+        QCOMPARE(textOf(QStringLiteral("folderAgentNameNote")),
+                 QStringLiteral("Leave blank to use Corvane. Nested folders and chats inherit this name and prompt "
+                                "unless they set their own."));
+        findObject(m_window, QStringLiteral("folderPromptField"))->setProperty("text", QStringLiteral("Be brief."));
+        findObject(m_window, QStringLiteral("folderAgentNameField"))->setProperty("text", QStringLiteral("Ada"));
+        savePicture(QStringLiteral("folder-settings.png"));
+        QVERIFY(QMetaObject::invokeMethod(folderSheet, "accept"));
+        QTRY_VERIFY(!folderSheet->property("visible").toBool());
+        QCOMPARE(m_model->folderDetails(m_workFolder).value("prompt").toString(), QStringLiteral("Be brief."));
+        QCOMPARE(m_model->folderDetails(m_workFolder).value("agentName").toString(), QStringLiteral("Ada"));
+        QCOMPARE(m_model->currentAgentName(), QStringLiteral("Ada"));
+        QCOMPARE(findObject(m_window, QStringLiteral("composerInput"))->property("placeholderText").toString(),
+                 QStringLiteral("Message Ada"));
+
+        QVERIFY(QMetaObject::invokeMethod(sidebar, "openSettings", Q_ARG(QString, QStringLiteral("chat")),
+                                          Q_ARG(double, double(m_markdownChat))));
+        QObject *chatSheet = findObject(m_window, QStringLiteral("chatSettingsSheet"));
+        QTRY_VERIFY(chatSheet->property("opened").toBool());
+        findObject(m_window, QStringLiteral("chatPromptField"))->setProperty("text", QStringLiteral("Use lists."));
+        findObject(m_window, QStringLiteral("autoSpeakSwitch"))->setProperty("checked", true);
+        QVERIFY(QMetaObject::invokeMethod(chatSheet, "accept"));
+        QTRY_VERIFY(!chatSheet->property("visible").toBool());
+        QCOMPARE(m_model->chatDetails(m_markdownChat).value("prompt").toString(), QStringLiteral("Use lists."));
+        QVERIFY(m_model->chatDetails(m_markdownChat).value("autoSpeakReplies").toBool());
+
+        m_model->setNodeAgentName(m_workFolder, QString());
+    }
+
+    void newFolderShortcutStartsRenaming()
+    {
+        const qsizetype before = m_model->nodes().size();
+        QTest::keyClick(m_window, Qt::Key_N, Qt::ControlModifier | Qt::ShiftModifier);
+        QTRY_COMPARE(m_model->nodes().size(), before + 1);
+        const qint64 id = m_model->nodes().last().id;
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QCOMPARE(sidebar->property("editingKey").toString(), QStringLiteral("folder:%1").arg(id));
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("renameField"))->hasActiveFocus());
+        type(QStringLiteral("Ideas"));
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QTRY_COMPARE(m_model->folderDetails(id).value("name").toString(), QStringLiteral("Ideas"));
+    }
+
+    void dragChatOntoFolder()
+    {
+        QQuickItem *list = findItem(m_window, QStringLiteral("sidebarList"));
+        QQuickItem *inbox = nullptr;
+        QQuickItem *chat = nullptr;
+        QVERIFY(QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem *, inbox), Q_ARG(int, 0)));
+        QVERIFY(QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem *, chat), Q_ARG(int, 2)));
+        QVERIFY(inbox && chat);
+        QCOMPARE(chat->property("itemID").toLongLong(), m_markdownChat);
+        const QPoint from = chat->mapToScene(QPointF(40, chat->height() / 2)).toPoint();
+        const QPoint to = inbox->mapToScene(QPointF(40, inbox->height() / 2)).toPoint();
+        QTest::mousePress(m_window, Qt::LeftButton, {}, from);
+        for (int step = 1; step <= 10; ++step)
+            QTest::mouseMove(m_window, from + (to - from) * step / 10, 10);
+        QTest::mouseRelease(m_window, Qt::LeftButton, {}, to, 10);
+        QTRY_COMPARE(std::ranges::find(m_model->chats(), m_markdownChat, &Chat::id)->nodeID, m_model->nodes().first().id);
+    }
+
+    void emptyChat()
+    {
+        QTest::keyClick(m_window, Qt::Key_N, Qt::ControlModifier);
+        QTRY_VERIFY(m_model->currentChatID() != m_markdownChat);
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("emptyChat"))->isVisible());
+        QCOMPARE(textOf(QStringLiteral("emptyChatHeading")), QStringLiteral("Start a conversation"));
+        QCOMPARE(textOf(QStringLiteral("emptyChatText")),
+                 QStringLiteral("Everything is private. Your chats, images, and data stay on this computer and are "
+                                "never sent to a server, so you can talk about anything."));
+    }
+
+    void followsTheEndUnlessScrolledUp()
+    {
+        // The offscreen window lays views out when it draws; each check draws a frame first.
+        QQuickItem *list = findItem(m_window, QStringLiteral("messageList"));
+        const auto drawn = [this](auto value) {
+            m_window->grabWindow();
+            return value();
+        };
+        const auto atEnd = [list] { return list->property("atYEnd").toBool(); };
+        const auto count = [list] { return list->property("count").toInt(); };
+
+        m_model->newChat(-1);
+        const qint64 chat = m_model->currentChatID();
+        for (int i = 0; i < 40; ++i)
+            addMessage(m_model->database(), chat, QStringLiteral("Message number %1").arg(i));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 40);
+        QTRY_VERIFY(drawn(atEnd));
+        QVERIFY(list->property("contentHeight").toReal() > 2 * list->height());
+
+        // New messages at the end keep the view there.
+        addMessage(m_model->database(), chat, QStringLiteral("One more"));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 41);
+        QTRY_VERIFY(drawn(atEnd));
+
+        // Scrolled up with the wheel, the view stays where the user put it.
+        const QPointF centre = list->mapToScene(QPointF(10, list->height() / 2));
+        for (int i = 0; i < 5; ++i) {
+            QWheelEvent wheel(centre, m_window->mapToGlobal(centre), QPoint(), QPoint(0, 120), Qt::NoButton,
+                              Qt::NoModifier, Qt::NoScrollPhase, false);
+            wheel.setTimestamp(1000 + 50 * i);
+            QCoreApplication::sendEvent(m_window, &wheel);
+        }
+        QTRY_VERIFY(drawn([list] { return !list->property("moving").toBool(); }));
+        QVERIFY(!drawn(atEnd));
+        const qreal position = list->property("contentY").toReal();
+        addMessage(m_model->database(), chat, QStringLiteral("And another"));
+        m_model->reload(true);
+        QTRY_COMPARE(count(), 42);
+        QTest::qWait(100);
+        QCOMPARE(drawn([list] { return list->property("contentY").toReal(); }), position);
+        QVERIFY(!drawn(atEnd));
+    }
+
+    void streamsAReplyAndStops()
+    {
+        m_model->setMaxResponseTokens(2048);
+        m_model->newChat(-1);
+        QVERIFY(m_model->visibleMessages().isEmpty());
+        QTest::keyClick(m_window, Qt::Key_L, Qt::ControlModifier);
+        QQuickItem *input = findItem(m_window, QStringLiteral("composerInput"));
+        QTRY_VERIFY(input->hasActiveFocus());
+
+        // Shift+Enter is a line break; Enter sends.
+        type(QStringLiteral("Hello"));
+        QTest::keyClick(m_window, Qt::Key_Return, Qt::ShiftModifier);
+        type(QStringLiteral("there"));
+        QCOMPARE(m_model->composer(), QStringLiteral("Hello\nthere"));
+        QVERIFY(m_model->canSend());
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QCOMPARE(m_model->composer(), QString());
+        QVERIFY(m_model->isGenerating());
+        QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Stop"));
+
+        // The live reply row shows the text as it streams in.
+        QQuickItem *list = findItem(m_window, QStringLiteral("messageList"));
+        QTRY_COMPARE(list->property("count").toInt(), 1);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->liveReply().isEmpty() || !m_model->isGenerating(), 60000);
+        QQuickItem *live = findItem(m_window, QStringLiteral("liveReply"));
+        QVERIFY(live);
+        if (m_model->isGenerating())
+            QVERIFY(live->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isGenerating(), 120000);
+        QVERIFY2(!m_model->statusIsError(), qPrintable(m_model->status()));
+        QTRY_COMPARE(list->property("count").toInt(), 2);
+        const QList<Message> stored = m_model->visibleMessages();
+        QCOMPARE(stored.first().body, QStringLiteral("Hello\nthere"));
+        QCOMPARE(stored.last().role, QStringLiteral("assistant"));
+        QVERIFY(!live->isVisible());
+        savePicture(QStringLiteral("streamed-reply.png"));
+
+        // Again, and Escape stops it mid-stream.
+        type(QStringLiteral("Tell me more"));
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QVERIFY(m_model->isGenerating());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->liveReply().isEmpty(), 60000);
+        QVERIFY(live->isVisible());
+        QTRY_VERIFY(live->property("text").toString() != QStringLiteral("…"));
+        savePicture(QStringLiteral("live-reply.png"), 0);
+        QTest::keyClick(m_window, Qt::Key_Escape);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isGenerating(), 30000);
+        QCOMPARE(m_model->status(), QStringLiteral("Stopped"));
+        QCOMPARE(textOf(QStringLiteral("statusText")), QStringLiteral("Stopped"));
+        QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Send"));
+    }
+
+    // Last: it removes everything, the link to the test model included (never its target).
+    void eraseAllDataReturnsToTheFirstRunScreen()
+    {
+        QTRY_VERIFY(!m_model->isBusy());
+        QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
+        QTRY_VERIFY(findObject(m_window, QStringLiteral("settingsSheet"))->property("opened").toBool());
+        QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("eraseButton")), "clicked"));
+        QObject *dialog = findObject(m_window, QStringLiteral("eraseDialog"));
+        QTRY_VERIFY(dialog->property("opened").toBool());
+        QCOMPARE(dialog->property("title").toString(), QStringLiteral("Erase all Corvane data?"));
+        QCOMPARE(textOf(QStringLiteral("eraseDialogText")),
+                 QStringLiteral("This permanently deletes all chats, folders, scripts, prompts, settings, and downloaded "
+                                "models from this computer. You will need to download models again."));
+        QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("eraseDialogAccept")), "clicked"));
+        QTRY_VERIFY(!m_model->hasChatModel());
+        QCOMPARE(m_model->chats().size(), 0);
+        QVERIFY(QFileInfo::exists(s_testModel));
+        QEXPECT_FAIL("", "erasing does not emit installedModelsChanged, so hasChatModel is not re-read", Abort);
+        QTRY_VERIFY_WITH_TIMEOUT(findItem(m_window, QStringLiteral("firstRunTitle")), 2000);
+        QVERIFY(!findItem(m_window, QStringLiteral("sidebar")));
+    }
+};
+
+QTEST_MAIN(TestMainWindow)
+#include "tst_main_window.moc"
