@@ -134,25 +134,47 @@ private Q_SLOTS:
         QCOMPARE(counted, qint64(usage.value("prompt_tokens").toInt()));
     }
 
+    void fittingKeepsTheNewestMessagesThatFit_data()
+    {
+        QTest::addColumn<bool>("uneven");
+        QTest::addColumn<double>("share");
+        QTest::newRow("everything fits with room to spare") << false << 3.0;
+        QTest::newRow("a third fits") << false << 0.33;
+        QTest::newRow("a third of uneven messages fits") << true << 0.33;
+        QTest::newRow("only the newest few fit") << true << 0.05;
+    }
+
     void fittingKeepsTheNewestMessagesThatFit()
     {
+        QFETCH(bool, uneven);
+        QFETCH(double, share);
         load(16384);
-        const QJsonArray history = conversation(60);
+        QJsonArray history = conversation(60);
+        if (uneven) {
+            // Lengths that vary a lot, so that text length is a poor guide to where the cut is.
+            for (qsizetype i = 0; i < history.size(); i += 3)
+                history[i] = message(i % 2 ? "assistant" : "user",
+                                     QStringLiteral("long %1 ").arg(i).repeated(i < 30 ? 40 : 2));
+        }
         const QString system = QStringLiteral("You are a thoughtful, concise companion.");
-        // A context that holds about a third of the conversation.
         QJsonArray everything{message("system", system)};
         for (const QJsonValue &m : history)
             everything.append(m);
         const qint64 all = awaitTask(m_engine.tokenCount(everything));
-        const qint64 contextTokens = all / 3 + 300 + 32;
+        const qint64 contextTokens = qint64(all * share) + 300 + 32;
 
         const int countsBefore = m_engine.tokenCountsMade();
         const QJsonArray fitted = awaitTask(m_engine.fittedMessages(system, history, std::nullopt, contextTokens, 300));
         const int counts = m_engine.tokenCountsMade() - countsBefore;
         QVERIFY2(counts <= std::log2(60.0) + 2, qPrintable(QString::number(counts)));
+        if (share > 1) {
+            QCOMPARE(counts, 1);
+            QCOMPARE(fitted, everything);
+            return;
+        }
 
         QCOMPARE(fitted.first().toObject(), message("system", system));
-        QVERIFY(fitted.size() > 2 && fitted.size() < 61);
+        QVERIFY(fitted.size() >= 2 && fitted.size() < 61);
         QCOMPARE(fitted.last(), history.last());
         QVERIFY(fitted[1].toObject().value("role").toString() != QStringLiteral("assistant"));
         const qint64 budget = contextTokens - 300 - 32;
