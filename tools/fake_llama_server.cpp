@@ -1,0 +1,125 @@
+// Stands in for llama-server where the real one cannot be made to behave as a test needs: a
+// reply of nothing but white space, or describing an image without a vision projector (none
+// can be generated here). It takes the real server's command line, answers on 127.0.0.1 only
+// with the same bearer key, and speaks just enough of its API:
+//   GET  /v1/models            readiness
+//   POST /apply-template       {"prompt": all contents joined}
+//   POST /tokenize             one token per four characters
+//   POST /v1/chat/completions  streamed: the pieces of CORVANE_FAKE_REPLY, split at "|";
+//                              otherwise CORVANE_FAKE_DESCRIPTION as the message content
+// With CORVANE_FAKE_LOG set, each request is appended to that file as one JSON line
+// {"path": ..., "body": ...}.
+#include <QCoreApplication>
+#include <QFile>
+#include <QHostAddress>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include <memory>
+
+namespace {
+
+QString option(const QStringList &arguments, const QString &name)
+{
+    const qsizetype at = arguments.indexOf(name);
+    return at >= 0 && at + 1 < arguments.size() ? arguments[at + 1] : QString();
+}
+
+QByteArray response(int status, const QByteArray &type, const QByteArray &body)
+{
+    return "HTTP/1.1 " + QByteArray::number(status) + (status == 200 ? " OK" : " Error") + "\r\nContent-Type: " + type
+           + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+}
+
+QByteArray json(const QJsonObject &object)
+{
+    return response(200, "application/json", QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+QByteArray answer(const QByteArray &path, const QJsonObject &request)
+{
+    if (path == "/v1/models")
+        return json({{"data", QJsonArray{QJsonObject{{"id", "fake"}}}}});
+    if (path == "/apply-template") {
+        QString prompt;
+        for (const QJsonValue &message : request.value("messages").toArray())
+            prompt += message.toObject().value("content").toString() + QLatin1Char('\n');
+        return json({{"prompt", prompt}});
+    }
+    if (path == "/tokenize") {
+        QJsonArray tokens;
+        for (qsizetype i = 0; i < request.value("content").toString().size(); i += 4)
+            tokens.append(1);
+        return json({{"tokens", tokens}});
+    }
+    if (path == "/v1/chat/completions" && request.value("stream").toBool()) {
+        QByteArray body;
+        for (const QString &piece : qEnvironmentVariable("CORVANE_FAKE_REPLY", " |\n| ").split(QLatin1Char('|'))) {
+            const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", piece}}}}}}};
+            body += "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+        }
+        body += "data: [DONE]\n\n";
+        return response(200, "text/event-stream", body);
+    }
+    if (path == "/v1/chat/completions") {
+        const QString text = qEnvironmentVariable("CORVANE_FAKE_DESCRIPTION", QStringLiteral("A small red boat."));
+        return json({{"choices", QJsonArray{QJsonObject{{"message", QJsonObject{{"role", "assistant"}, {"content", text}}}}}}});
+    }
+    return response(404, "text/plain", "not found");
+}
+
+void log(const QByteArray &path, const QByteArray &body)
+{
+    const QString file = qEnvironmentVariable("CORVANE_FAKE_LOG");
+    if (file.isEmpty())
+        return;
+    QFile out(file);
+    if (out.open(QIODevice::Append))
+        out.write(QJsonDocument(QJsonObject{{"path", QString::fromUtf8(path)}, {"body", QString::fromUtf8(body)}})
+                      .toJson(QJsonDocument::Compact)
+                  + '\n');
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QStringList arguments = app.arguments();
+    const QByteArray key = "Bearer " + option(arguments, QStringLiteral("--api-key")).toLatin1();
+    QTcpServer server;
+    if (!server.listen(QHostAddress::LocalHost, quint16(option(arguments, QStringLiteral("--port")).toUInt())))
+        return 1;
+    QObject::connect(&server, &QTcpServer::newConnection, [&] {
+        while (QTcpSocket *socket = server.nextPendingConnection()) {
+            QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            auto received = std::make_shared<QByteArray>();
+            QObject::connect(socket, &QTcpSocket::readyRead, socket, [socket, key, received] {
+                QByteArray &buffer = *received;
+                buffer += socket->readAll();
+                const qsizetype headEnd = buffer.indexOf("\r\n\r\n");
+                if (headEnd < 0)
+                    return;
+                const QByteArray head = buffer.left(headEnd);
+                qsizetype length = 0;
+                for (const QByteArray &line : head.split('\n'))
+                    if (line.toLower().startsWith("content-length:"))
+                        length = line.mid(15).trimmed().toLongLong();
+                if (buffer.size() < headEnd + 4 + length)
+                    return;
+                const QByteArray body = buffer.mid(headEnd + 4, length);
+                const QByteArray path = head.split(' ').value(1);
+                log(path, body);
+                const bool authorised = (head + "\r\n").contains("\r\nAuthorization: " + key + "\r\n")
+                                        || (head + "\r\n").contains("\r\nauthorization: " + key + "\r\n");
+                socket->write(authorised ? answer(path, QJsonDocument::fromJson(body).object())
+                                         : response(401, "text/plain", "unauthorised"));
+                socket->disconnectFromHost();
+            });
+        }
+    });
+    return app.exec();
+}
