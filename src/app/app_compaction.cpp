@@ -50,14 +50,18 @@ void AppModel::cancelCompaction()
 }
 
 QCoro::Task<> AppModel::runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
-                                      CancellationToken cancel)
+                                      CancellationToken cancel, int run)
 {
     try {
         co_await compactIfNeeded(chatID, systemPrompt, responseTokens, cancel);
+    } catch (const CancelledError &) {
+        // A newer reply, erasing or locking took over.
     } catch (const std::exception &error) {
         // The chat keeps its previous summary and the next reply tries again.
         qCInfo(lcCompaction) << "compaction ended early:" << error.what();
     }
+    if (run == m_compactionRuns)
+        m_compactionCancel.reset();
 }
 
 QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,

@@ -221,6 +221,8 @@ public:
     /// failures keep the previous summary.
     QCoro::Task<> compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,
                                   CancellationToken cancel);
+    /// A compaction is running (`compactionTask`).
+    bool isCompacting() const { return m_compactionCancel.has_value(); }
 
     // ---- what the window reads and calls (app_window.cpp)
     /// The selected chat's and folder's ids, -1 when none.
@@ -324,7 +326,7 @@ private:
     QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
     QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata);
     QCoro::Task<> runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
-                                CancellationToken cancel);
+                                CancellationToken cancel, int run);
     /// Inserts a message row, sealing its texts when the chat is sealed; returns its id.
     qint64 insertMessage(qint64 chatID, const QString &role, const QString &body, const QString &metadata,
                          const QString &image, const QString &display, const QString &data);
@@ -376,6 +378,7 @@ private:
     std::optional<CancellationToken> m_generationCancel;
     /// Cancels the running compaction (`compactionTask`).
     std::optional<CancellationToken> m_compactionCancel;
+    int m_compactionRuns = 0; ///< tells the current compaction from one it replaced
 
     QString m_status;
     bool m_statusIsError = false;

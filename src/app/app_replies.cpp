@@ -245,7 +245,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
     cancelCompaction();
     m_compactionCancel = CancellationToken();
-    runCompaction(chat.id, systemPrompt, maxTokens, *m_compactionCancel);
+    runCompaction(chat.id, systemPrompt, maxTokens, *m_compactionCancel, ++m_compactionRuns);
     co_return result;
 }
 

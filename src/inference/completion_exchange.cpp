@@ -4,6 +4,7 @@
 
 #include "inference/inference_error.h"
 
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QNetworkReply>
@@ -112,8 +113,10 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
             for (qsizetype end; (end = pending.indexOf('\n', start)) >= 0; start = end + 1) {
                 cancel.throwIfCancelled();
                 const auto event = ExchangeFormat::parseStreamLine(withoutLineBreak(pending.sliced(start, end - start)));
-                if (std::holds_alternative<ExchangeFormat::Done>(event))
+                if (std::holds_alternative<ExchangeFormat::Done>(event)) {
+                    Q_EMIT streamFinished();
                     co_return;
+                }
                 if (const auto *text = std::get_if<QString>(&event))
                     onToken(*text);
             }
@@ -139,6 +142,8 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
 QCoro::Task<qint64> InferenceEngine::tokenCount(QJsonArray messages)
 {
     ++m_tokenCountsMade;
+    QElapsedTimer timer;
+    timer.start();
     // Bodies are built first: g++ 12 rejects braced initialisers inside co_await.
     const QJsonObject templateBody{{QStringLiteral("messages"), messages}};
     const QJsonObject templated = co_await postJSON(QStringLiteral("/apply-template"), templateBody);
@@ -151,6 +156,7 @@ QCoro::Task<qint64> InferenceEngine::tokenCount(QJsonArray messages)
     const QJsonValue tokens = tokenized.value(QLatin1String("tokens"));
     if (!tokens.isArray())
         throw InferenceError::invalidServerResponse();
+    m_tokenCountNanoseconds += timer.nsecsElapsed();
     co_return tokens.toArray().size();
 }
 

@@ -78,11 +78,15 @@ public:
 
     /// Token counts made so far (each costs two round trips), for tests of the fitting.
     int tokenCountsMade() const { return m_tokenCountsMade; }
+    /// Time spent waiting for token counts so far, for measurements.
+    qint64 tokenCountNanoseconds() const { return m_tokenCountNanoseconds; }
 
 Q_SIGNALS:
     /// A request body is about to go to the server (for tests and measurements of what the
     /// model is sent; nothing listens in the application).
     void requestSent(const QString &path, const QByteArray &body);
+    /// A streamed reply reached its end marker.
+    void streamFinished();
 
 private:
     QNetworkRequest request(const QString &path) const;
@@ -100,4 +104,5 @@ private:
     int m_port;
     QString m_key;
     int m_tokenCountsMade = 0;
+    qint64 m_tokenCountNanoseconds = 0;
 };

@@ -1,0 +1,138 @@
+// What the application adds around a reply in a long chat (1,000 messages), with the real
+// llama-server on the small generated model: from `send` to the request that starts the
+// stream, less the time the server spends counting tokens for the fitting, and from the end
+// of the stream to the stored assistant message. Also the longest stretch the main thread went
+// without an event-loop turn during a reply.
+//
+// Usage: bench_replies [model.gguf]   (default: the test model that `make test` generates)
+#include "app/app_model.h"
+#include "inference/inference_engine.h"
+#include "storage/database.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+double median(QList<double> values)
+{
+    std::ranges::sort(values);
+    return values[values.size() / 2];
+}
+
+double ms(qint64 nanoseconds)
+{
+    return double(nanoseconds) / 1e6;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QString model = argc > 1 ? QString::fromLocal8Bit(argv[1])
+                                   : QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+    if (!QFileInfo::exists(model)) {
+        std::fprintf(stderr, "bench_replies: %s is missing; `make test` generates it\n", qPrintable(model));
+        return 1;
+    }
+    QTemporaryDir dir;
+    qputenv("CORVANE_DATA_DIR", dir.filePath(QStringLiteral("data")).toUtf8());
+    QDir().mkpath(dir.filePath(QStringLiteral("data/Models")));
+    QFile::link(QFileInfo(model).absoluteFilePath(), dir.filePath(QStringLiteral("data/Models/chat.gguf")));
+    ModelSpec spec;
+    spec.id = QStringLiteral("chat-test");
+    spec.name = QStringLiteral("Test chat model");
+    spec.fileName = QStringLiteral("chat.gguf");
+    spec.byteCount = QFileInfo(model).size();
+    spec.role = ModelSpec::Role::Chat;
+
+    AppModel appModel(QList<ModelSpec>{spec});
+    // A short reply limit keeps the server's own generation out of the way.
+    appModel.setMaxResponseTokens(300);
+    appModel.addChat();
+    const qint64 chat = *appModel.selectedChatID();
+    Database &db = appModel.database();
+    db.execute(QStringLiteral("BEGIN"));
+    for (int i = 0; i < 1000; ++i)
+        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) "
+                                  "VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
+                   {DBValue::integer(chat), DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
+                    DBValue::text(QStringLiteral("Message %1 is about the garden, the river and what to cook "
+                                                 "for dinner tonight.").arg(i))});
+    db.execute(QStringLiteral("COMMIT"));
+    appModel.selectChat(chat);
+
+    InferenceEngine &engine = appModel.inference();
+    QElapsedTimer clock;
+    qint64 sentAt = 0, streamRequestAt = 0, streamEndAt = 0, storedAt = 0, countsAtSend = 0, countsAtStream = 0;
+    QObject::connect(&engine, &InferenceEngine::requestSent, &app, [&](const QString &path, const QByteArray &) {
+        if (path == QLatin1String("/v1/chat/completions") && !streamRequestAt) {
+            streamRequestAt = clock.nsecsElapsed();
+            countsAtStream = engine.tokenCountNanoseconds();
+        }
+    });
+    QObject::connect(&engine, &InferenceEngine::streamFinished, &app, [&] { streamEndAt = clock.nsecsElapsed(); });
+    QObject::connect(&appModel, &AppModel::messagesChanged, &app, [&] {
+        if (streamEndAt && !storedAt)
+            storedAt = clock.nsecsElapsed();
+    });
+    qint64 longestGap = 0;
+    QElapsedTimer sinceTurn;
+    QTimer ticker;
+    ticker.setInterval(5);
+    QObject::connect(&ticker, &QTimer::timeout, &app, [&] { longestGap = std::max(longestGap, sinceTurn.restart()); });
+
+    QList<double> before, after, counting, gaps;
+    constexpr int runs = 6; // the first loads the model and is not counted
+    for (int run = 0; run < runs; ++run) {
+        streamRequestAt = streamEndAt = storedAt = 0;
+        longestGap = 0;
+        clock.start();
+        sinceTurn.start();
+        ticker.start();
+        countsAtSend = engine.tokenCountNanoseconds();
+        appModel.setComposer(QStringLiteral("What should I cook tonight?"));
+        sentAt = clock.nsecsElapsed();
+        appModel.send();
+        QEventLoop loop;
+        QObject::connect(&appModel, &AppModel::activityChanged, &loop, [&] {
+            if (!appModel.isGenerating())
+                loop.quit();
+        });
+        loop.exec();
+        ticker.stop();
+        // The compaction that follows a reply would shorten the chat; each run starts from
+        // the whole history again.
+        while (appModel.isCompacting())
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        db.setChatSummary(QString(), 0, chat);
+        appModel.reload();
+        if (appModel.statusIsError()) {
+            std::fprintf(stderr, "bench_replies: %s\n", qPrintable(appModel.status()));
+            return 1;
+        }
+        if (run == 0)
+            continue;
+        const qint64 countingTime = countsAtStream - countsAtSend;
+        counting << ms(countingTime);
+        before << ms(streamRequestAt - sentAt - countingTime);
+        after << (storedAt ? ms(storedAt - streamEndAt) : -1);
+        gaps << double(longestGap);
+    }
+    std::printf("| Reply in a chat of 1,000 messages (median of %d) | ms |\n|---|---:|\n", runs - 1);
+    std::printf("| send → stream request, less token counting | %.1f |\n", median(before));
+    std::printf("| token counting by the server | %.1f |\n", median(counting));
+    std::printf("| end of stream → assistant message stored and reloaded | %.1f |\n", median(after));
+    std::printf("| longest main-thread gap during a reply | %.0f |\n", median(gaps));
+    return 0;
+}
