@@ -5,6 +5,7 @@
 #include "window_capture.h"
 
 #include <QCommandLineParser>
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQmlExtensionPlugin>
@@ -15,6 +16,8 @@ Q_IMPORT_QML_PLUGIN(CorvanePlugin)
 
 int main(int argc, char *argv[])
 {
+    QElapsedTimer sinceStart;
+    sinceStart.start();
     QGuiApplication app(argc, argv);
     QGuiApplication::setApplicationName(QStringLiteral("Corvane"));
     QGuiApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
@@ -28,6 +31,9 @@ int main(int argc, char *argv[])
         QStringLiteral("Save a picture of the window to <file> once it is drawn, then quit."),
         QStringLiteral("file"));
     parser.addOption(screenshot);
+    const QCommandLineOption reportFirstFrame(QStringLiteral("report-first-frame"),
+        QStringLiteral("Print how long after start the first frame was drawn (for measurements)."));
+    parser.addOption(reportFirstFrame);
     parser.process(app);
 
     TerminationSignals terminationSignals;
@@ -55,5 +61,7 @@ int main(int argc, char *argv[])
         return 1;
     if (parser.isSet(screenshot))
         captureFirstWindowAndQuit(engine, parser.value(screenshot));
+    if (parser.isSet(reportFirstFrame))
+        reportFirstFrameTime(engine, sinceStart);
     return app.exec();
 }

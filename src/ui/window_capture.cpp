@@ -1,10 +1,13 @@
 #include "window_capture.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QImage>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
 #include <QTimer>
+
+#include <cstdio>
 
 void captureFirstWindowAndQuit(QQmlApplicationEngine &engine, const QString &path)
 {
@@ -22,6 +25,21 @@ void captureFirstWindowAndQuit(QQmlApplicationEngine &engine, const QString &pat
                 const QImage image = window->grabWindow();
                 QCoreApplication::exit(!image.isNull() && image.save(path) ? 0 : 1);
             });
+        },
+        Qt::SingleShotConnection);
+}
+
+void reportFirstFrameTime(QQmlApplicationEngine &engine, const QElapsedTimer &sinceStart)
+{
+    const auto roots = engine.rootObjects();
+    auto *window = roots.isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(roots.first());
+    if (!window)
+        return;
+    QObject::connect(
+        window, &QQuickWindow::frameSwapped, window,
+        [elapsed = &sinceStart] {
+            std::printf("first frame after %.1f ms\n", double(elapsed->nsecsElapsed()) / 1e6);
+            std::fflush(stdout);
         },
         Qt::SingleShotConnection);
 }
