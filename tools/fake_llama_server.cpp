@@ -6,7 +6,8 @@
 //   POST /apply-template       {"prompt": all contents joined}
 //   POST /tokenize             one token per four characters
 //   POST /v1/chat/completions  streamed: the pieces of CORVANE_FAKE_REPLY, split at "|";
-//                              otherwise CORVANE_FAKE_DESCRIPTION as the message content
+//                              (CORVANE_FAKE_PIECE_DELAY_MS apart, when set); otherwise
+//                              CORVANE_FAKE_DESCRIPTION as the message content
 // With CORVANE_FAKE_LOG set, each request is appended to that file as one JSON line
 // {"path": ..., "body": ...}.
 #include <QCoreApplication>
@@ -17,6 +18,7 @@
 #include <QJsonObject>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 
 #include <memory>
 
@@ -39,6 +41,18 @@ QByteArray json(const QJsonObject &object)
     return response(200, "application/json", QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
+/// The events of a streamed reply, one chunk each, the end marker last.
+QList<QByteArray> streamEvents()
+{
+    QList<QByteArray> events;
+    for (const QString &piece : qEnvironmentVariable("CORVANE_FAKE_REPLY", " |\n| ").split(QLatin1Char('|'))) {
+        const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", piece}}}}}}};
+        events << "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
+    }
+    events << "data: [DONE]\n\n";
+    return events;
+}
+
 QByteArray answer(const QByteArray &path, const QJsonObject &request)
 {
     if (path == "/v1/models")
@@ -54,15 +68,6 @@ QByteArray answer(const QByteArray &path, const QJsonObject &request)
         for (qsizetype i = 0; i < request.value("content").toString().size(); i += 4)
             tokens.append(1);
         return json({{"tokens", tokens}});
-    }
-    if (path == "/v1/chat/completions" && request.value("stream").toBool()) {
-        QByteArray body;
-        for (const QString &piece : qEnvironmentVariable("CORVANE_FAKE_REPLY", " |\n| ").split(QLatin1Char('|'))) {
-            const QJsonObject event{{"choices", QJsonArray{QJsonObject{{"delta", QJsonObject{{"content", piece}}}}}}};
-            body += "data: " + QJsonDocument(event).toJson(QJsonDocument::Compact) + "\n\n";
-        }
-        body += "data: [DONE]\n\n";
-        return response(200, "text/event-stream", body);
     }
     if (path == "/v1/chat/completions") {
         const QString text = qEnvironmentVariable("CORVANE_FAKE_DESCRIPTION", QStringLiteral("A small red boat."));
@@ -115,8 +120,26 @@ int main(int argc, char *argv[])
                 log(path, body);
                 const bool authorised = (head + "\r\n").contains("\r\nAuthorization: " + key + "\r\n")
                                         || (head + "\r\n").contains("\r\nauthorization: " + key + "\r\n");
-                socket->write(authorised ? answer(path, QJsonDocument::fromJson(body).object())
-                                         : response(401, "text/plain", "unauthorised"));
+                const QJsonObject request = QJsonDocument::fromJson(body).object();
+                const int delay = qEnvironmentVariableIntValue("CORVANE_FAKE_PIECE_DELAY_MS");
+                if (!authorised) {
+                    socket->write(response(401, "text/plain", "unauthorised"));
+                } else if (path == "/v1/chat/completions" && request.value("stream").toBool()) {
+                    const QList<QByteArray> events = streamEvents();
+                    const QByteArray whole = response(200, "text/event-stream", events.join());
+                    // The head, then each event in its own time.
+                    socket->write(whole.left(whole.size() - events.join().size()));
+                    for (qsizetype i = 0; i < events.size(); ++i) {
+                        QTimer::singleShot(int(i) * delay, socket, [socket, event = events[i], last = i + 1 == events.size()] {
+                            socket->write(event);
+                            if (last)
+                                socket->disconnectFromHost();
+                        });
+                    }
+                    return;
+                } else {
+                    socket->write(answer(path, request));
+                }
                 socket->disconnectFromHost();
             });
         }

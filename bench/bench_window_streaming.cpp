@@ -1,0 +1,146 @@
+// The window while a reply streams at 100 tokens a second into a chat of 10,000 messages:
+// how long each frame takes to prepare and draw, how evenly frames come, and the longest
+// stretch without an event-loop turn. The reply comes from the stand-in llama-server (this
+// program sits beside it in build/fake-runtime/), which sends one piece every 10 ms, so the
+// measurement is of the window, not of a model. Drawn with the offscreen platform and Qt
+// Quick's software renderer, as on a machine without a GPU.
+#include "app/app_model.h"
+#include "app_model_singleton.h"
+#include "inference/inference_engine.h"
+#include "storage/database.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QQmlApplicationEngine>
+#include <QQmlExtensionPlugin>
+#include <QQuickWindow>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <algorithm>
+#include <cstdio>
+
+Q_IMPORT_QML_PLUGIN(CorvanePlugin)
+
+namespace {
+
+double percentile(QList<double> values, double p)
+{
+    if (values.isEmpty())
+        return -1;
+    std::ranges::sort(values);
+    return values[qsizetype(p * double(values.size() - 1))];
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_QUICK_BACKEND", "software");
+    constexpr int pieces = 300;
+    QStringList words;
+    for (int i = 0; i < pieces; ++i)
+        words << (i % 40 == 39 ? QStringLiteral("word.\n\n") : QStringLiteral("word "));
+    qputenv("CORVANE_FAKE_REPLY", words.join(QLatin1Char('|')).toUtf8());
+    qputenv("CORVANE_FAKE_PIECE_DELAY_MS", "10");
+    QGuiApplication app(argc, argv);
+
+    QTemporaryDir dir;
+    qputenv("CORVANE_DATA_DIR", dir.path().toUtf8());
+    // The stand-in server ignores the model file; it only has to count as installed.
+    QDir().mkpath(dir.filePath(QStringLiteral("Models")));
+    QFile model(dir.filePath(QStringLiteral("Models/chat.gguf")));
+    if (!model.open(QIODevice::WriteOnly) || model.write("model") != 5)
+        return 1;
+    model.close();
+    ModelSpec spec;
+    spec.id = QStringLiteral("chat-test");
+    spec.name = QStringLiteral("Test chat model");
+    spec.fileName = QStringLiteral("chat.gguf");
+    spec.byteCount = 5;
+    spec.role = ModelSpec::Role::Chat;
+    AppModel appModel(QList<ModelSpec>{spec});
+    appModel.addChat();
+    const qint64 chat = *appModel.selectedChatID();
+    Database &db = appModel.database();
+    db.execute(QStringLiteral("BEGIN"));
+    for (int i = 0; i < 10000; ++i)
+        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) "
+                                  "VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
+                   {DBValue::integer(chat), DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
+                    DBValue::text(QStringLiteral("Message %1 with **some bold words**, a list:\n\n- one\n- two\n\n"
+                                                 "and `a little code`.").arg(i))});
+    db.execute(QStringLiteral("COMMIT"));
+    appModel.selectChat(chat);
+
+    AppModelSingleton::instance = &appModel;
+    QQmlApplicationEngine engine;
+    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
+    auto *window = engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
+    if (!window)
+        return 1;
+
+    QElapsedTimer clock;
+    clock.start();
+    bool streaming = false;
+    qint64 frameStart = -1, lastSwap = -1;
+    QList<double> work, intervals;
+    QObject::connect(window, &QQuickWindow::afterAnimating, window, [&] { frameStart = clock.nsecsElapsed(); },
+                     Qt::DirectConnection);
+    QObject::connect(window, &QQuickWindow::frameSwapped, window, [&] {
+        const qint64 now = clock.nsecsElapsed();
+        if (streaming && frameStart >= 0) {
+            work << double(now - frameStart) / 1e6;
+            if (lastSwap >= 0)
+                intervals << double(now - lastSwap) / 1e6;
+        }
+        lastSwap = now;
+    }, Qt::DirectConnection);
+    QObject::connect(&appModel.inference(), &InferenceEngine::streamFinished, window, [&] { streaming = false; });
+    QObject::connect(&appModel, &AppModel::statusChanged, window, [&] {
+        if (appModel.status() == QStringLiteral("Generating…"))
+            streaming = true;
+    });
+    qint64 longestGap = 0;
+    QElapsedTimer sinceTurn;
+    QTimer ticker;
+    ticker.setInterval(5);
+    QObject::connect(&ticker, &QTimer::timeout, window, [&] {
+        if (streaming)
+            longestGap = std::max(longestGap, sinceTurn.elapsed());
+        sinceTurn.restart();
+    });
+
+    // Let the window settle on the long chat, then send.
+    QTimer::singleShot(1000, window, [&] {
+        sinceTurn.start();
+        ticker.start();
+        appModel.setComposer(QStringLiteral("Write me something long."));
+        appModel.send();
+    });
+    QEventLoop loop;
+    QObject::connect(&appModel, &AppModel::activityChanged, &loop, [&] {
+        if (!appModel.isGenerating())
+            loop.quit();
+    });
+    loop.exec();
+    if (appModel.statusIsError()) {
+        std::fprintf(stderr, "bench_window_streaming: %s\n", qPrintable(appModel.status()));
+        return 1;
+    }
+    std::printf("| Streaming %d pieces at 100 a second into 10,000 messages | ms |\n|---|---:|\n", pieces);
+    std::printf("| frames drawn while streaming | %lld |\n", static_cast<long long>(work.size()));
+    std::printf("| frame work (polish, sync, render, swap): median | %.1f |\n", percentile(work, 0.5));
+    std::printf("| frame work: 95th percentile | %.1f |\n", percentile(work, 0.95));
+    std::printf("| frame work: longest | %.1f |\n", percentile(work, 1.0));
+    std::printf("| time between frames: median | %.1f |\n", percentile(intervals, 0.5));
+    std::printf("| time between frames: 95th percentile | %.1f |\n", percentile(intervals, 0.95));
+    std::printf("| longest main-thread gap while streaming | %lld |\n", static_cast<long long>(longestGap));
+    std::printf("| stored messages in the chat afterwards | %lld |\n", static_cast<long long>(appModel.messages().size()));
+    return 0;
+}
