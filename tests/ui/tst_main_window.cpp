@@ -376,6 +376,53 @@ private Q_SLOTS:
         QTRY_COMPARE(m_model->folderDetails(id).value("name").toString(), QStringLiteral("Ideas"));
     }
 
+    void keyboardDrivesTheSidebar()
+    {
+        // Rows now: Inbox, Work, its chat "Markdown answers", Ideas.
+        QQuickItem *list = findItem(m_window, QStringLiteral("sidebarList"));
+        QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
+        QTest::keyClick(m_window, Qt::Key_1, Qt::ControlModifier);
+        QTRY_VERIFY(list->hasActiveFocus());
+        QCOMPARE(list->property("currentIndex").toInt(), 2);
+
+        QTest::keyClick(m_window, Qt::Key_Up);
+        QTRY_COMPARE(m_model->currentFolderID(), m_workFolder);
+        const int rows = list->property("count").toInt();
+        QTest::keyClick(m_window, Qt::Key_Left);
+        QTRY_COMPARE(list->property("count").toInt(), rows - 1);
+        QTest::keyClick(m_window, Qt::Key_Right);
+        QTRY_COMPARE(list->property("count").toInt(), rows);
+
+        QTest::keyClick(m_window, Qt::Key_Down);
+        QTRY_COMPARE(m_model->currentChatID(), m_markdownChat);
+        QTest::keyClick(m_window, Qt::Key_F2);
+        QCOMPARE(sidebar->property("editingKey").toString(), QStringLiteral("chat:%1").arg(m_markdownChat));
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("renameField"))->hasActiveFocus());
+        QTest::keyClick(m_window, Qt::Key_Escape);
+        QTRY_COMPARE(sidebar->property("editingKey").toString(), QString());
+
+        QTest::keyClick(m_window, Qt::Key_1, Qt::ControlModifier);
+        QTRY_VERIFY(list->hasActiveFocus());
+        QTest::keyClick(m_window, Qt::Key_Delete);
+        QObject *dialog = findObject(m_window, QStringLiteral("deleteDialog"));
+        QTRY_VERIFY(dialog->property("opened").toBool());
+        QCOMPARE(dialog->property("title").toString(),
+                 QStringLiteral("Delete “%1”?").arg(m_model->chatDetails(m_markdownChat).value("title").toString()));
+        closePopup(QStringLiteral("deleteDialog"));
+
+        QTest::keyClick(m_window, Qt::Key_1, Qt::ControlModifier);
+        QTRY_VERIFY(list->hasActiveFocus());
+        QTest::keyClick(m_window, Qt::Key_F10, Qt::ShiftModifier);
+        QTRY_VERIFY(findObject(m_window, QStringLiteral("chatMenu"))->property("opened").toBool());
+        closePopup(QStringLiteral("chatMenu"));
+
+        QTest::keyClick(m_window, Qt::Key_1, Qt::ControlModifier);
+        QTRY_VERIFY(list->hasActiveFocus());
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("composerInput"))->hasActiveFocus());
+        QCOMPARE(m_model->chats().size(), 1);
+    }
+
     void dragChatOntoFolder()
     {
         QQuickItem *list = findItem(m_window, QStringLiteral("sidebarList"));

@@ -55,6 +55,11 @@ ApplicationWindow {
                 onActivated: settings.open()
             }
             Shortcut {
+                sequence: "Ctrl+1"
+                context: Qt.WindowShortcut
+                onActivated: sidebar.focusTree()
+            }
+            Shortcut {
                 sequence: "Ctrl+L"
                 context: Qt.WindowShortcut
                 onActivated: chatPane.focusComposer()
@@ -146,6 +151,7 @@ ApplicationWindow {
                     objectName: "sidebar"
                     SplitView.preferredWidth: Theme.sidebarWidth
                     SplitView.minimumWidth: 180
+                    onChatOpened: chatPane.focusComposer()
                 }
                 ChatPane {
                     id: chatPane

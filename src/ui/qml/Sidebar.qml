@@ -12,6 +12,9 @@ Rectangle {
     /// "folder:ID" or "chat:ID" of the row being renamed in place, empty when none.
     property string editingKey: ""
 
+    /// The arrows are selecting the row they moved to; the selection need not be followed.
+    property bool selectingFromKeyboard: false
+
     // The row whose menu is open.
     property string menuKind: ""
     property real menuID: -1
@@ -36,14 +39,90 @@ Rectangle {
         AppModel.newChat(folderID)
     }
 
-    function openMenu(kind: string, id: real, name: string) {
+    /// Opens a row's actions at the pointer, or under `anchor` when the keyboard asked.
+    function openMenu(kind: string, id: real, name: string, anchor: Item) {
         menuKind = kind
         menuID = id
         menuName = name
-        if (kind === "folder")
-            folderMenu.popup()
+        const menu = kind === "folder" ? folderMenu : chatMenu
+        if (anchor)
+            menu.popup(anchor, Theme.indent, anchor.height)
         else
-            chatMenu.popup()
+            menu.popup()
+    }
+
+    /// Makes the keyboard's row follow the selection made elsewhere (a click, a new chat).
+    function followSelection() {
+        if (selectingFromKeyboard)
+            return
+        const row = AppModel.currentChatID >= 0 ? tree.rowOf("chat", AppModel.currentChatID)
+                                                 : tree.rowOf("folder", AppModel.currentFolderID)
+        if (row >= 0 && row !== list.currentIndex)
+            list.currentIndex = row
+    }
+
+    /// The keys of the focused tree: arrows move and select, Left and Right fold, Enter
+    /// opens, F2 renames, Delete deletes, the menu key (or Shift+F10) shows the actions.
+    function handleKey(event: KeyEvent) {
+        const row = list.currentItem as SidebarRow
+        if (!row || sidebar.editingKey !== "")
+            return
+        const folder = row.kind === "folder"
+        switch (event.key) {
+        case Qt.Key_Up:
+            list.decrementCurrentIndex()
+            break
+        case Qt.Key_Down:
+            list.incrementCurrentIndex()
+            break
+        case Qt.Key_Return:
+        case Qt.Key_Enter:
+        case Qt.Key_Space:
+            if (folder)
+                tree.toggleCollapsed(row.itemID)
+            else
+                chatOpened()
+            break
+        case Qt.Key_Left:
+            if (folder && row.hasChildren && !row.isCollapsed)
+                tree.setCollapsed(row.itemID, true)
+            break
+        case Qt.Key_Right:
+            if (folder && row.isCollapsed)
+                tree.setCollapsed(row.itemID, false)
+            break
+        case Qt.Key_F2:
+            if (!row.lockedAway)
+                sidebar.editingKey = row.kind + ":" + row.itemID
+            break
+        case Qt.Key_Delete:
+            sidebar.confirmDelete(row.kind, row.itemID, row.shownName)
+            break
+        case Qt.Key_Menu:
+            sidebar.openMenu(row.kind, row.itemID, row.shownName, row)
+            break
+        case Qt.Key_F10:
+            if (!(event.modifiers & Qt.ShiftModifier))
+                return
+            sidebar.openMenu(row.kind, row.itemID, row.shownName, row)
+            break
+        default:
+            return
+        }
+        event.accepted = true
+    }
+
+    function focusTree() {
+        followSelection()
+        list.forceActiveFocus()
+    }
+
+    /// Enter on a chat: the composer takes over.
+    signal chatOpened()
+
+    Connections {
+        target: AppModel
+        function onSelectionChanged() { sidebar.followSelection() }
     }
 
     /// Asks before deleting a folder with everything in it, or a chat with its messages.
@@ -98,11 +177,29 @@ Rectangle {
             Layout.fillWidth: true
             Layout.fillHeight: true
             clip: true
-            reuseItems: true
+            // Not pooled: a pooled row keeps its bindings, and one that still carried the
+            // renamed row's id would start editing too and take the focus away.
+            reuseItems: false
             boundsBehavior: Flickable.StopAtBounds
             ScrollBar.vertical: ScrollBar {}
             Accessible.role: Accessible.Tree
             Accessible.name: "Folders and chats"
+            activeFocusOnTab: true
+            keyNavigationEnabled: false // the keys are handled below, folding included
+            // Moving through the tree with the arrows selects what the keyboard lands on.
+            onCurrentIndexChanged: {
+                const row = currentItem as SidebarRow
+                if (!activeFocus || !row)
+                    return
+                sidebar.selectingFromKeyboard = true
+                if (row.kind === "folder")
+                    AppModel.selectFolder(row.itemID)
+                else if (row.itemID !== AppModel.currentChatID)
+                    AppModel.selectChat(row.itemID)
+                sidebar.selectingFromKeyboard = false
+            }
+            Keys.onPressed: (event) => sidebar.handleKey(event)
+            Component.onCompleted: sidebar.followSelection()
 
             model: SidebarModel {
                 id: tree
@@ -118,9 +215,10 @@ Rectangle {
                         AppModel.selectFolder(row.itemID)
                     else
                         AppModel.selectChat(row.itemID)
+                    list.currentIndex = tree.rowOf(row.kind, row.itemID)
                 }
                 onToggled: tree.toggleCollapsed(row.itemID)
-                onMenuRequested: sidebar.openMenu(row.kind, row.itemID, row.name)
+                onMenuRequested: sidebar.openMenu(row.kind, row.itemID, row.name, null)
                 onRenameRequested: sidebar.editingKey = row.kind + ":" + row.itemID
                 onRenameFinished: (newName) => {
                     sidebar.editingKey = ""
@@ -131,7 +229,7 @@ Rectangle {
                     else
                         AppModel.renameChat(row.itemID, newName)
                 }
-                onRenameCancelled: sidebar.editingKey = ""
+                onRenameCancelled: { sidebar.editingKey = "" }
                 onChatDropped: (chatID) => AppModel.moveChat(chatID, row.itemID)
             }
         }

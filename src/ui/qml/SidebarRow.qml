@@ -38,11 +38,23 @@ Item {
     Accessible.name: (isFolder ? "Folder " : "Chat ") + shownName
     Accessible.selected: isSelected
 
+    /// The field has taken the focus for this edit; losing it from now on ends the edit.
+    property bool fieldFocused: false
+
     onEditingChanged: {
+        fieldFocused = false
         if (editing) {
             field.text = row.name
             field.selectAll()
-            field.forceActiveFocus()
+            // Once the key or click that asked for it is done, so that focus settling
+            // elsewhere cannot end the edit it is starting.
+            Qt.callLater(() => {
+                field.forceActiveFocus()
+                row.fieldFocused = field.activeFocus
+            })
+        } else {
+            // A reused row must not keep the focus inside the list.
+            field.focus = false
         }
     }
 
@@ -76,6 +88,16 @@ Item {
         radius: 4
         color: row.isSelected ? (row.isFolder ? Theme.folderSelection : Theme.selection)
                               : (mouse.containsMouse ? Qt.rgba(0, 0, 0, 0.04) : "transparent")
+
+        // The keyboard's place in the tree.
+        Rectangle {
+            anchors.fill: parent
+            z: 1
+            color: "transparent"
+            radius: 4
+            border.color: Theme.accent
+            border.width: row.ListView.isCurrentItem && row.ListView.view && row.ListView.view.activeFocus ? 2 : 0
+        }
 
         Drag.active: mouse.drag.active
         Drag.keys: ["corvane/chat"]
@@ -156,7 +178,7 @@ Item {
                     Keys.onEnterPressed: row.renameFinished(text)
                     Keys.onEscapePressed: row.renameCancelled()
                     onActiveFocusChanged: {
-                        if (!activeFocus && row.editing)
+                        if (!activeFocus && row.editing && row.fieldFocused)
                             row.renameFinished(text)
                     }
                 }
