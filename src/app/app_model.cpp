@@ -68,7 +68,8 @@ AppModel::~AppModel()
 
 bool AppModel::isBusy() const
 {
-    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value();
+    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value()
+           || m_deletingName.has_value();
 }
 
 Readiness::Value AppModel::readiness() const

@@ -189,8 +189,14 @@ public:
     void addChat(std::optional<qint64> nodeID = std::nullopt);
     Q_INVOKABLE void renameNode(qint64 id, const QString &name);
     Q_INVOKABLE void renameChat(qint64 id, const QString &title);
+    /// Deletes a chat with its messages. Large deletions run in slices between event-loop
+    /// turns with their progress in the status line (app_deletion.cpp); small ones end
+    /// before this returns.
     Q_INVOKABLE void deleteChat(qint64 id);
+    /// Deletes a folder with its sub-folders, chats and messages, in slices like `deleteChat`.
     Q_INVOKABLE void deleteFolder(qint64 id);
+    /// A deletion is still running.
+    bool isDeleting() const { return m_deletingName.has_value(); }
     void moveSelectedChat(qint64 folderID);
     Q_INVOKABLE void setNodePrompt(qint64 id, const QString &text);
     Q_INVOKABLE void setNodeAgentName(qint64 id, const QString &text);
@@ -336,6 +342,10 @@ private:
     /// script and remembered for this run.
     QCoro::Task<bool> handlesReplies(Chat chat, QString source);
     void setLiveReply(const QString &reply);
+    /// Deletes the messages of `chatIDs` in slices of about 40 ms each, then runs `finish`
+    /// (which deletes the rows that own them) and `after`.
+    QCoro::Task<> deleteInSlices(QString name, QList<qint64> chatIDs, std::function<void()> finish,
+                                 std::function<void()> after);
     void cancelCompaction();
 
     void setStatus(const QString &text, bool isError);
@@ -386,6 +396,8 @@ private:
     bool m_isRecording = false;
     bool m_isTranscribing = false;
     std::optional<QString> m_busyModelID;
+    /// The name of the folder or chat being deleted.
+    std::optional<QString> m_deletingName;
 
     QString m_globalPrompt;
     QString m_globalAgentName;

@@ -219,47 +219,6 @@ void AppModel::renameChat(qint64 id, const QString &title)
         reload();
 }
 
-void AppModel::deleteChat(qint64 id)
-{
-    if (m_isGenerating)
-        return;
-    if (!tryDatabase([&] { m_database->execute(QStringLiteral("DELETE FROM chats WHERE id=?"), {DBValue::integer(id)}); }))
-        return;
-    if (m_selectedChatID == id) {
-        clearChatSelection();
-        Q_EMIT selectionChanged();
-    }
-    reload();
-    pruneImages();
-}
-
-void AppModel::deleteFolder(qint64 id)
-{
-    if (m_isGenerating)
-        return;
-    const QSet<qint64> subtree = subtreeIDs(id);
-    const bool ok = tryDatabase([&] {
-        m_database->execute(QStringLiteral("DELETE FROM nodes WHERE id=?"), {DBValue::integer(id)});
-        // There is always at least one folder to put chats in.
-        if (m_database->nodes().isEmpty())
-            m_database->addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox"));
-    });
-    if (!ok)
-        return;
-    const std::optional<Chat> chat = selectedChat();
-    if (m_selectedNodeID && subtree.contains(*m_selectedNodeID))
-        m_selectedNodeID.reset();
-    if (chat && subtree.contains(chat->nodeID))
-        clearChatSelection();
-    Q_EMIT selectionChanged();
-    reload();
-    pruneImages();
-    if (!m_selectedNodeID && !nodes().isEmpty()) {
-        m_selectedNodeID = nodes().first().id;
-        Q_EMIT selectionChanged();
-    }
-}
-
 void AppModel::moveSelectedChat(qint64 folderID)
 {
     if (!m_selectedChatID)

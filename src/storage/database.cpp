@@ -111,6 +111,29 @@ bool Database::hasMessages(qint64 chatID)
     return flag(QStringLiteral("SELECT 1 FROM messages WHERE chat_id=? LIMIT 1"), chatID);
 }
 
+QList<qint64> Database::messageIDs(qint64 chatID)
+{
+    Statement query(handle(), QStringLiteral("SELECT id FROM messages WHERE chat_id=? ORDER BY id"));
+    query.bind({DBValue::integer(chatID)});
+    QList<qint64> ids;
+    while (query.next())
+        ids.append(query.integer(0));
+    return ids;
+}
+
+void Database::deleteMessages(const QList<qint64> &ids)
+{
+    if (ids.isEmpty())
+        return;
+    QList<DBValue> args;
+    args.reserve(ids.size());
+    for (const qint64 id : ids)
+        args.append(DBValue::integer(id));
+    QStringList marks(ids.size(), QStringLiteral("?"));
+    // One statement runs in its own transaction, so a failure leaves every row in place.
+    execute(QStringLiteral("DELETE FROM messages WHERE id IN (") + marks.join(QLatin1Char(',')) + QLatin1Char(')'), args);
+}
+
 namespace {
 
 QStringList firstColumn(Statement &query)

@@ -76,6 +76,8 @@ public:
     /// The chat's messages in the order they were added; empty for an unknown chat.
     QList<Message> messages(qint64 chatID);
     bool hasMessages(qint64 chatID);
+    /// The ids of the chat's messages, oldest first.
+    QList<qint64> messageIDs(qint64 chatID);
     /// Every attached image file name.
     QStringList imageNames();
     /// Image file names of sealed (true) or plain (false) chats.
@@ -113,6 +115,14 @@ public:
     /// Moves a chat to another folder, re-encrypting it when the folder's sealed state
     /// differs. All or nothing: a failure leaves the database as it was.
     void moveChat(qint64 chatID, qint64 nodeID);
+
+    /// Merges up to `pages` pages of the search index's segments toward one; answers whether
+    /// there was anything left to merge. A merged index removes rows several times faster.
+    bool mergeSearchIndex(int pages);
+
+    /// Deletes the listed messages in one transaction, all or none. Deleting is paid for in
+    /// the search index, so large deletions go through this in slices.
+    void deleteMessages(const QList<qint64> &ids);
 
     /// Deletes everything and leaves only an empty "Inbox" folder. The caller wraps it in a
     /// transaction.

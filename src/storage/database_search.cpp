@@ -1,6 +1,8 @@
 // Message search over the full-text index, and chat title search.
 #include "storage/database.h"
 
+#include <sqlite3.h>
+
 #include "storage/statement.h"
 
 QList<SearchHit> Database::search(const QString &term)
@@ -33,4 +35,14 @@ QList<SearchHit> Database::search(const QString &term)
     }
     hits.append(messageHits);
     return hits;
+}
+
+bool Database::mergeSearchIndex(int pages)
+{
+    const int before = sqlite3_total_changes(handle());
+    // A negative page count also merges segments of different levels, toward one segment.
+    execute(QStringLiteral("INSERT INTO message_search(message_search, rank) VALUES('merge', ?)"),
+            {DBValue::integer(-pages)});
+    // FTS5 reports finished merging as fewer than two changed rows.
+    return sqlite3_total_changes(handle()) - before >= 2;
 }

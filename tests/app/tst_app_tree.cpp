@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QTemporaryDir>
+#include <QSignalSpy>
 #include <QTest>
 
 #include <sqlite3.h>
@@ -224,6 +225,49 @@ private Q_SLOTS:
         QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 1);
         QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 1);
         QCOMPARE(count(db(), "SELECT count(*) FROM message_search WHERE message_search MATCH 'secret'"), 0);
+    }
+
+    void aLargeFolderIsDeletedInSlices()
+    {
+        const auto big = m_model->addFolder(std::nullopt);
+        m_model->renameNode(big->id, QStringLiteral("Archive"));
+        db().execute(QStringLiteral("BEGIN"));
+        for (int c = 0; c < 5; ++c) {
+            const qint64 chat = db().addChat(big->id, QStringLiteral("Old %1").arg(c));
+            for (int m = 0; m < 600; ++m)
+                addMessage(db(), chat, QStringLiteral("archived words number %1").arg(m));
+        }
+        db().execute(QStringLiteral("COMMIT"));
+        m_model->addChat(inbox());
+        const qint64 kept = *m_model->selectedChatID();
+        addMessage(db(), kept, QStringLiteral("kept words"));
+        m_model->reload(true);
+
+        QStringList progress;
+        connect(m_model.get(), &AppModel::statusChanged, this, [&] { progress << m_model->status(); });
+        m_model->deleteFolder(big->id);
+        // The window keeps running while it goes, and nothing else is started meanwhile.
+        QVERIFY(m_model->isDeleting());
+        QVERIFY(m_model->isBusy());
+        QVERIFY(progress.last().startsWith(QStringLiteral("Deleting “Archive”… ")));
+        m_model->setComposer(QStringLiteral("hello"));
+        QVERIFY(!m_model->canSend());
+        m_model->deleteChat(kept);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isDeleting(), 60000);
+
+        QCOMPARE(m_model->nodes().size(), 1);
+        QCOMPARE(m_model->chats().size(), 1);
+        QCOMPARE(m_model->chats().first().id, kept);
+        QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 1);
+        QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 1);
+        QCOMPARE(m_model->status(), QString());
+        QVERIFY(m_model->canSend());
+        // Progress only ever grows.
+        QList<int> percents;
+        for (const QString &text : progress)
+            if (text.startsWith(QStringLiteral("Deleting")))
+                percents << text.section(QLatin1Char(' '), -1).chopped(1).toInt();
+        QVERIFY(std::ranges::is_sorted(percents));
     }
 
     void deletingTheOnlyFolderLeavesAnInbox()

@@ -4,6 +4,8 @@
 #include "vault/fingerprint.h"
 
 #include <QTemporaryDir>
+#include "support/database_rows.h"
+
 #include <QTest>
 
 #include <memory>
@@ -49,6 +51,26 @@ private Q_SLOTS:
         QCOMPARE(query("SELECT title FROM chats"), QStringList({"Kept"}));
         QCOMPARE(query("SELECT body FROM messages"), QStringList({"needle kept"}));
         QCOMPARE(query("SELECT text FROM message_search"), QStringList({"needle kept"}));
+    }
+
+    void deletingMessagesAfterMergingTheIndex()
+    {
+        const qint64 chat = m_db->addChat(1, QStringLiteral("Notes"));
+        QList<qint64> ids;
+        // Separate transactions leave the index in many segments.
+        for (int i = 0; i < 40; ++i)
+            ids << addMessage(*m_db, chat, QStringLiteral("heron %1 by the weir").arg(i));
+        QVERIFY(m_db->mergeSearchIndex(200));
+        int rounds = 0;
+        while (m_db->mergeSearchIndex(200))
+            QVERIFY(++rounds < 100);
+        QVERIFY(!m_db->mergeSearchIndex(200));
+        QCOMPARE(m_db->search(QStringLiteral("heron")).size(), 40);
+
+        m_db->deleteMessages(ids.mid(0, 30));
+        QCOMPARE(m_db->messageIDs(chat), ids.mid(30));
+        QCOMPARE(m_db->search(QStringLiteral("heron")).size(), 10);
+        QCOMPARE(query(QStringLiteral("SELECT count(*) FROM message_search")), QStringList{"10"});
     }
 
     void chatsAndMessagesReadBack()
