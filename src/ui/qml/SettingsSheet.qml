@@ -139,7 +139,11 @@ Dialog {
                     model: sheet.responseChoices.map(n => n + " tokens")
                     currentIndex: sheet.responseChoices.indexOf(AppModel.maxResponseTokens)
                     Accessible.name: "Maximum response"
-                    onActivated: (i) => AppModel.setMaxResponseTokens(sheet.responseChoices[i])
+                    onActivated: (i) => {
+                        AppModel.setMaxResponseTokens(sheet.responseChoices[i])
+                        // Show what the model kept, which follows later changes too.
+                        currentIndex = Qt.binding(() => sheet.responseChoices.indexOf(AppModel.maxResponseTokens))
+                    }
                 }
             }
             RowLayout {
@@ -154,7 +158,12 @@ Dialog {
                     model: sheet.contextChoices.map(c => c.label + " tokens (" + c.memory + ")")
                     currentIndex: sheet.contextChoices.findIndex(c => c.tokens === AppModel.contextTokens)
                     Accessible.name: "Conversation context"
-                    onActivated: (i) => AppModel.setContextTokens(sheet.contextChoices[i].tokens)
+                    onActivated: (i) => {
+                        // Refused while a reply is being generated: the box then shows the
+                        // size still in use.
+                        AppModel.setContextTokens(sheet.contextChoices[i].tokens)
+                        currentIndex = Qt.binding(() => sheet.contextChoices.findIndex(c => c.tokens === AppModel.contextTokens))
+                    }
                 }
             }
             Note {
