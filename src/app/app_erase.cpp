@@ -50,6 +50,7 @@ void AppModel::eraseAllDataOrThrow()
 
     // The model starts over. Unlike a first start, no model or voice is selected: none is
     // installed any more.
+    m_vault.reset();
     m_unlockedFolderIDs.clear();
     m_lockSheet.reset();
     Q_EMIT lockSheetChanged();

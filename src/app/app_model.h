@@ -7,6 +7,7 @@
 #include "platform/cancellation.h"
 #include "scripts/cartridge_context.h"
 #include "storage/records.h"
+#include "vault/vault_record.h"
 
 #include <QDateTime>
 #include <QHash>
@@ -268,6 +269,9 @@ public:
     /// A sealed chat whose locked folder is not open in this run.
     bool isLockedAway(const Chat &chat) const;
     const QSet<qint64> &unlockedFolderIDs() const { return m_unlockedFolderIDs; }
+    /// The stored vault record: the wrapped key of locked folders, absent before the first
+    /// folder is locked.
+    const std::optional<VaultRecord> &vault() const { return m_vault; }
     const std::optional<LockSheet> &lockSheet() const { return m_lockSheet; }
     void dismissLockSheet();
 
@@ -376,6 +380,7 @@ private:
     /// has no message to count from.
     QDateTime m_chatOpenedAt = QDateTime::currentDateTimeUtc();
     QSet<qint64> m_unlockedFolderIDs;
+    std::optional<VaultRecord> m_vault;
     std::optional<LockSheet> m_lockSheet;
 
     QString m_composer;

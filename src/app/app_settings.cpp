@@ -4,6 +4,7 @@
 #include "app/settings_rules.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
+#include "vault/vault_record.h"
 
 void AppModel::readSettings()
 {
@@ -25,7 +26,10 @@ void AppModel::readSettings()
         m_selectedWhisperModelID = *text;
     if (const auto text = stored(Settings::voiceIDKey))
         m_selectedVoiceID = *text; // also handed to the speech engine as its voice
-    // The "vault" record is read last; it decodes with the locked-folder support.
+    // The vault record last: one that does not decode leaves no vault, silently, as if no
+    // folder had ever been locked.
+    if (const auto text = stored(Settings::vaultKey))
+        m_vault = VaultRecord::fromJson(text->toUtf8());
 }
 
 void AppModel::storeSetting(const QString &key, const QString &value)

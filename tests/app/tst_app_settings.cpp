@@ -88,6 +88,10 @@ private Q_SLOTS:
         QTest::newRow("model id, any text") << "model_id" << "not-in-catalogue" << "not-in-catalogue";
         QTest::newRow("whisper id, any text") << "whisper_model_id" << "" << "";
         QTest::newRow("voice id") << "voice_id" << "en-GB/Alan" << "en-GB/Alan";
+        const QString record = QStringLiteral(
+            R"({"salt":"AAAAAAAAAAAAAAAAAAAAAA==","rounds":600000,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        QTest::newRow("vault record") << "vault" << record << "600000";
+        QTest::newRow("vault record that does not decode") << "vault" << "{\"salt\":1}" << "none";
     }
 
     void storedValuesAtStart()
@@ -107,6 +111,7 @@ private Q_SLOTS:
                 {"model_id", model.selectedModelID()},
                 {"whisper_model_id", model.selectedWhisperModelID()},
                 {"voice_id", model.selectedVoiceID()},
+                {"vault", model.vault() ? QString::number(model.vault()->rounds) : QStringLiteral("none")},
             };
             QCOMPARE(fields.value(key), expected);
             QVERIFY(!model.statusIsError());
