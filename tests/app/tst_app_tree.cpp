@@ -6,6 +6,7 @@
 
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QSignalSpy>
 #include <QTest>
@@ -235,7 +236,7 @@ private Q_SLOTS:
         for (int c = 0; c < 5; ++c) {
             const qint64 chat = db().addChat(big->id, QStringLiteral("Old %1").arg(c));
             for (int m = 0; m < 600; ++m)
-                addMessage(db(), chat, QStringLiteral("archived words number %1").arg(m));
+                addMessage(db(), chat, QStringLiteral("zanzibar%1 archived words").arg(m));
         }
         db().execute(QStringLiteral("COMMIT"));
         m_model->addChat(inbox());
@@ -262,6 +263,12 @@ private Q_SLOTS:
         QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 1);
         QCOMPARE(m_model->status(), QString());
         QVERIFY(m_model->canSend());
+        // No deleted word is left anywhere in the file, the search index's pages included.
+        QCOMPARE(count(db(), "SELECT count(*) FROM message_search WHERE message_search MATCH 'archived'"), 0);
+        db().execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
+        QFile file(m_dir->filePath(QStringLiteral("chats.sqlite")));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(!file.readAll().contains("zanzibar"));
         // Progress only ever grows.
         QList<int> percents;
         for (const QString &text : progress)
