@@ -8,6 +8,7 @@
 #include "app/app_model.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
+#include "support/test_chat_model.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -47,14 +48,7 @@ int main(int argc, char *argv[])
     }
     QTemporaryDir dir;
     qputenv("CORVANE_DATA_DIR", dir.filePath(QStringLiteral("data")).toUtf8());
-    QDir().mkpath(dir.filePath(QStringLiteral("data/Models")));
-    QFile::link(QFileInfo(model).absoluteFilePath(), dir.filePath(QStringLiteral("data/Models/chat.gguf")));
-    ModelSpec spec;
-    spec.id = QStringLiteral("chat-test");
-    spec.name = QStringLiteral("Test chat model");
-    spec.fileName = QStringLiteral("chat.gguf");
-    spec.byteCount = QFileInfo(model).size();
-    spec.role = ModelSpec::Role::Chat;
+    const ModelSpec spec = linkTestChatModel(dir.filePath(QStringLiteral("data")), model);
 
     AppModel appModel(QList<ModelSpec>{spec});
     // A short reply limit keeps the server's own generation out of the way.

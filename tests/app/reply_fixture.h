@@ -8,6 +8,7 @@
 #include "app/app_model.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
+#include "support/test_chat_model.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -25,23 +26,13 @@ class ReplyFixture
     QTemporaryDir m_dir; // first: the model's files live in it until the model is gone
 
 public:
-    static inline const QString modelID = QStringLiteral("chat-test");
+    static inline const QString modelID = QStringLiteral("test-chat");
 
     ReplyFixture()
     {
         const QString data = m_dir.filePath(QStringLiteral("data"));
         qputenv("CORVANE_DATA_DIR", data.toUtf8());
-        const QString generated = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
-        ModelSpec spec;
-        spec.id = modelID;
-        spec.name = QStringLiteral("Test chat model");
-        spec.fileName = QStringLiteral("chat.gguf");
-        spec.url = QStringLiteral("test/resolve/0/chat.gguf");
-        spec.byteCount = QFileInfo(generated).size();
-        spec.sha256 = QString(64, QLatin1Char('0'));
-        spec.role = ModelSpec::Role::Chat;
-        QDir().mkpath(data + QStringLiteral("/Models"));
-        QFile::link(generated, data + QStringLiteral("/Models/chat.gguf"));
+        const ModelSpec spec = linkTestChatModel(data);
         model = std::make_unique<AppModel>(QList<ModelSpec>{spec});
 
         QObject::connect(&model->inference(), &InferenceEngine::requestSent, model.get(),

@@ -6,6 +6,7 @@
 #include "app_model_singleton.h"
 #include "storage/database.h"
 #include "support/database_rows.h"
+#include "support/test_chat_model.h"
 
 #include <QDir>
 #include <QFile>
@@ -140,15 +141,7 @@ private Q_SLOTS:
 
         // The generated model, "installed" under the catalogue entry's file name.
         QVERIFY2(QFileInfo::exists(s_testModel), qPrintable(s_testModel));
-        QVERIFY(QDir().mkpath(support + QStringLiteral("/Models")));
-        QVERIFY(QFile::link(s_testModel, support + QStringLiteral("/Models/chat.gguf")));
-        ModelSpec spec;
-        spec.id = QStringLiteral("test-chat");
-        spec.name = QStringLiteral("Test chat model");
-        spec.fileName = QStringLiteral("chat.gguf");
-        spec.byteCount = QFileInfo(s_testModel).size();
-        spec.sha256 = QString(64, QLatin1Char('0'));
-        spec.role = ModelSpec::Role::Chat;
+        const ModelSpec spec = linkTestChatModel(support);
         m_model = std::make_unique<AppModel>(QList<ModelSpec>{spec});
         QVERIFY(m_model->hasChatModel());
 
