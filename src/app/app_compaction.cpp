@@ -52,6 +52,7 @@ void AppModel::cancelCompaction()
 QCoro::Task<> AppModel::runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
                                       CancellationToken cancel, int run)
 {
+    const QPointer<AppModel> alive(this);
     try {
         co_await compactIfNeeded(chatID, systemPrompt, responseTokens, cancel);
     } catch (const CancelledError &) {
@@ -60,7 +61,7 @@ QCoro::Task<> AppModel::runCompaction(qint64 chatID, QString systemPrompt, qint6
         // The chat keeps its previous summary and the next reply tries again.
         qCInfo(lcCompaction) << "compaction ended early:" << error.what();
     }
-    if (run == m_compactionRuns)
+    if (alive && run == m_compactionRuns)
         m_compactionCancel.reset();
 }
 
@@ -107,7 +108,9 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
         co_return;
 
     const QString transcript = ReplyContext::transcript(candidates.mid(0, folded));
+    const QPointer<AppModel> alive(this);
     const QString updated = co_await m_inference->summarize(summary, transcript, limits.summary);
+    throwIfGone(alive);
     cancel.throwIfCancelled();
     if (Settings::trimmed(updated).isEmpty())
         co_return;

@@ -82,6 +82,7 @@ void AppModel::deleteFolder(qint64 id)
 QCoro::Task<> AppModel::deleteInSlices(QString name, QList<qint64> chatIDs, std::function<void()> finish,
                                        std::function<void()> after)
 {
+    const QPointer<AppModel> alive(this);
     m_deletingName = name;
     Q_EMIT activityChanged();
     QList<qint64> ids;
@@ -99,6 +100,8 @@ QCoro::Task<> AppModel::deleteInSlices(QString name, QList<qint64> chatIDs, std:
         while (ok && more) {
             ok = tryDatabase([&] { more = m_database->mergeSearchIndex(s_mergePages); });
             co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+            if (!alive)
+                co_return;
         }
     }
     qsizetype done = 0;
@@ -115,6 +118,8 @@ QCoro::Task<> AppModel::deleteInSlices(QString name, QList<qint64> chatIDs, std:
             setStatus(QStringLiteral("Deleting “%1”… %2%").arg(name).arg(done * 100 / ids.size()), false);
             shownProgress = true;
             co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+            if (!alive)
+                co_return;
         }
     }
     if (ok)

@@ -12,6 +12,7 @@
 #include <QDateTime>
 #include <QHash>
 #include <QObject>
+#include <QPointer>
 #include <QSet>
 #include <QString>
 #include <QUrl>
@@ -351,6 +352,14 @@ private:
     QCoro::Task<> deleteInSlices(QString name, QList<qint64> chatIDs, std::function<void()> finish,
                                  std::function<void()> after);
     void cancelCompaction();
+
+    /// Ends a task of this model that resumes after the model is gone (the application quit
+    /// while it waited): nothing of the model may be touched any more.
+    static void throwIfGone(const QPointer<AppModel> &model)
+    {
+        if (!model)
+            throw CancelledError();
+    }
 
     void setStatus(const QString &text, bool isError);
     void showError(const CorvaneError &error);

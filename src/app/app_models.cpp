@@ -129,6 +129,7 @@ void AppModel::install(const QStringList &ids)
 
 QCoro::Task<> AppModel::runInstall(QList<ModelSpec> workList, CancellationToken cancel)
 {
+    const QPointer<AppModel> alive(this);
     std::optional<QString> failure;
     for (const ModelSpec &spec : workList) {
         setBusyModel(spec.id, spec.byteCount);
@@ -138,6 +139,8 @@ QCoro::Task<> AppModel::runInstall(QList<ModelSpec> workList, CancellationToken 
         } catch (const std::exception &error) {
             failure = describe(error);
         }
+        if (!alive)
+            co_return;
         Q_EMIT installedModelsChanged();
         if (failure)
             break;
@@ -170,11 +173,14 @@ QCoro::Task<> AppModel::runInstallFromFile(QString path, CancellationToken cance
     setStatus(QStringLiteral("Checking ") + file.fileName() + QChar(0x2026), false);
     std::optional<QString> failure;
     std::optional<ModelSpec> installed;
+    const QPointer<AppModel> alive(this);
     try {
         installed = co_await m_modelStore->installFromFile(path, reportProgress(), cancel);
     } catch (const std::exception &error) {
         failure = describe(error);
     }
+    if (!alive)
+        co_return;
     Q_EMIT installedModelsChanged();
     normalizeModelSelections();
     setBusyModel(std::nullopt, 0);

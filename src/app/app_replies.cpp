@@ -139,11 +139,14 @@ void AppModel::stopReply()
 
 QCoro::Task<> AppModel::runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel)
 {
+    const QPointer<AppModel> alive(this);
     std::optional<CartridgeResult> result;
     bool cancelled = false;
     try {
         result = co_await generateReply(chat, model, trigger, cancel);
     } catch (const std::exception &error) {
+        if (!alive)
+            co_return;
         // A request torn down by Stop may fail in its own words; the user asked for it.
         cancelled = cancel.isCancelled();
         if (!cancelled)
@@ -172,8 +175,10 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
         if (projector && m_modelStore->isInstalled(*projector))
             projectorPath = m_modelStore->filePath(*projector);
     }
+    const QPointer<AppModel> alive(this);
     setStatus(s_loading, false);
     co_await m_inference->load(m_modelStore->filePath(model), projectorPath, m_contextTokens, cancel);
+    throwIfGone(alive);
     cancel.throwIfCancelled();
 
     // 2. Images are described here once the image store keeps them.
@@ -187,6 +192,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
         context.trigger = trigger;
         const QString state = m_database->cartridgeState(source, chat.id);
         result = co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Turn, state);
+        throwIfGone(alive);
         cancel.throwIfCancelled();
         if (result->state)
             m_database->setCartridgeState(*result->state, source, chat.id);
@@ -216,6 +222,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
     // 7. Fit, then stream.
     const QJsonArray request = co_await m_inference->fittedMessages(systemPrompt, history.entries,
                                                                     history.latestImage, m_contextTokens, maxTokens);
+    throwIfGone(alive);
     cancel.throwIfCancelled();
     setStatus(s_generating, false);
     QString reply;
@@ -226,6 +233,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
             setLiveReply(reply);
         },
         cancel);
+    throwIfGone(alive);
     cancel.throwIfCancelled();
 
     // 8. Store what came, if anything did.
@@ -241,6 +249,7 @@ QCoro::Task<std::optional<CartridgeResult>> AppModel::generateReply(Chat chat, M
                                {QStringLiteral("temperature"), temperature},
                                {QStringLiteral("max_tokens"), maxTokens}};
     co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
+    throwIfGone(alive);
     setStatus(QStringLiteral("Ready"), false);
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
     cancelCompaction();
@@ -254,8 +263,10 @@ QCoro::Task<bool> AppModel::handlesReplies(Chat chat, QString source)
     if (const auto known = m_handlesReplies.constFind(chat.id);
         known != m_handlesReplies.cend() && known->first == source)
         co_return known->second;
+    const QPointer<AppModel> alive(this);
     const CartridgeResult info = co_await CartridgeEngine::evaluate(
         source, cartridgeContext(chat, {}), CartridgeHook::Info, m_database->cartridgeState(source, chat.id));
+    throwIfGone(alive);
     const bool handles = info.hasOnReply.value_or(false);
     m_handlesReplies.insert(chat.id, {source, handles});
     co_return handles;
@@ -267,12 +278,14 @@ QCoro::Task<> AppModel::saveAgentMessage(QString reply, Chat chat, QString metad
     QString display;
     QString data;
     const QString source = cartridgeSource(chat);
+    const QPointer<AppModel> alive(this);
     if (!source.isEmpty() && co_await handlesReplies(chat, source)) {
         CartridgeContext context = cartridgeContext(chat, m_database->messages(chat.id));
         context.trigger = QStringLiteral("reply");
         const QString state = m_database->cartridgeState(source, chat.id);
         const CartridgeResult rendered =
             co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);
+        throwIfGone(alive);
         display = rendered.display.value_or(QString());
         data = rendered.data.value_or(QString());
         if (rendered.state)

@@ -3,6 +3,7 @@
 #include "inference/inference_engine.h"
 
 #include "inference/inference_error.h"
+#include "inference/pending_reply.h"
 
 #include <QElapsedTimer>
 #include <QJsonDocument>
@@ -14,12 +15,6 @@
 #include <memory>
 
 namespace {
-
-struct LaterDeleter
-{
-    void operator()(QNetworkReply *reply) const { reply->deleteLater(); }
-};
-using Reply = std::unique_ptr<QNetworkReply, LaterDeleter>;
 
 QVariant httpStatus(QNetworkReply *reply)
 {
@@ -64,8 +59,9 @@ QCoro::Task<QJsonObject> InferenceEngine::postJSON(QString path, QJsonObject bod
     const QNetworkRequest post = request(path);
     const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
     Q_EMIT requestSent(path, payload);
-    Reply reply(m_network.post(post, payload));
+    PendingReply reply(m_network.post(post, payload));
     co_await reply.get();
+    reply.throwIfGone();
     if (httpStatus(reply.get()).toInt() != 200)
         throwFailure(reply.get());
     QJsonParseError parseError;
@@ -91,7 +87,7 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
     const QString path = QStringLiteral("/v1/chat/completions");
     const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
     Q_EMIT requestSent(path, payload);
-    Reply reply(m_network.post(request(path), payload));
+    PendingReply reply(m_network.post(request(path), payload));
     QNetworkReply *raw = reply.get();
     // Stop means now: the transfer is dropped, which also wakes the wait below.
     cancel.onCancel(raw, [raw] { raw->abort(); });
@@ -136,6 +132,7 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
             co_return;
         }
         co_await qCoro(raw).waitForReadyRead(std::chrono::milliseconds(-1));
+        reply.throwIfGone();
     }
 }
 

@@ -2,6 +2,7 @@
 #include "inference/inference_engine.h"
 
 #include "inference/inference_error.h"
+#include "inference/pending_reply.h"
 #include "platform/auxiliary_executable.h"
 
 #include <QCoreApplication>
@@ -111,10 +112,17 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
         co_return;
 
     shutdown();
+    // Each wait may end after the engine is gone (the application quit meanwhile).
+    const QPointer<InferenceEngine> alive(this);
+    const auto throwIfGone = [&alive] {
+        if (!alive)
+            throw CancelledError();
+    };
     // The previous server still holds the port until it has exited; a probe would reach it.
     for (int waited = 0; m_exiting && m_exiting->state() != QProcess::NotRunning && waited < 2 * s_exitGraceMs;
          waited += 50) {
         co_await QCoro::sleepFor(std::chrono::milliseconds(50));
+        throwIfGone();
         cancel.throwIfCancelled();
     }
     const QString program = AuxiliaryExecutable::find(QStringLiteral("llama-server"));
@@ -128,6 +136,7 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
     process->setStandardErrorFile(QProcess::nullDevice());
     const QStringList serverArguments = arguments(modelPath, projectorPath, contextTokens);
     const bool started = co_await qCoro(process).start(program, serverArguments);
+    throwIfGone();
     if (!started) {
         const QString reason = process->errorString();
         if (m_process == process)
@@ -140,8 +149,10 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
         if (!stillOurs() || process->state() != QProcess::Running)
             throw InferenceError::startFailed();
         QNetworkRequest probe = request(QStringLiteral("/v1/models"));
-        std::unique_ptr<QNetworkReply> reply(m_network.get(probe));
+        PendingReply reply(m_network.get(probe));
         co_await reply.get();
+        throwIfGone();
+        reply.throwIfGone();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         if (status == 200 && stillOurs()) {
             m_loadedPath = modelPath;
@@ -151,6 +162,7 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
         }
         cancel.throwIfCancelled();
         co_await QCoro::sleepFor(s_probeInterval);
+        throwIfGone();
         cancel.throwIfCancelled();
         if (++attempt == s_probeAttempts) {
             if (stillOurs())

@@ -208,6 +208,30 @@ private Q_SLOTS:
         QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
     }
 
+    void quittingMidReplyEndsCleanly_data()
+    {
+        QTest::addColumn<bool>("streaming");
+        QTest::newRow("while the server starts") << false;
+        QTest::newRow("while the reply streams") << true;
+    }
+
+    void quittingMidReplyEndsCleanly()
+    {
+        QFETCH(bool, streaming);
+        ReplyFixture f;
+        f.newChat();
+        f.model->setMaxResponseTokens(2048);
+        f.send(QStringLiteral("Keep going"));
+        if (streaming)
+            QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
+        const qint64 server = f.model->inference().serverProcessID();
+        f.model.reset();
+        // Whatever was still waiting wakes up to nothing and the server is gone.
+        QTest::qWait(500);
+        if (server > 0)
+            QTRY_VERIFY(::kill(static_cast<pid_t>(server), 0) != 0);
+    }
+
     void refusalsStoreNothing()
     {
         ReplyFixture f;

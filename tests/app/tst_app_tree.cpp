@@ -39,6 +39,22 @@ private:
     qint64 inbox() const { return m_model->nodes().first().id; }
     Chat chatRecord(qint64 id) const { return *std::ranges::find(m_model->chats(), id, &Chat::id); }
 
+    /// A folder "Archive" of 5 chats with 600 messages each, all with a word found nowhere else.
+    qint64 addArchive()
+    {
+        const auto big = m_model->addFolder(std::nullopt);
+        m_model->renameNode(big->id, QStringLiteral("Archive"));
+        db().execute(QStringLiteral("BEGIN"));
+        for (int c = 0; c < 5; ++c) {
+            const qint64 chat = db().addChat(big->id, QStringLiteral("Old %1").arg(c));
+            for (int m = 0; m < 600; ++m)
+                addMessage(db(), chat, QStringLiteral("zanzibar%1 archived words").arg(m));
+        }
+        db().execute(QStringLiteral("COMMIT"));
+        m_model->reload();
+        return big->id;
+    }
+
 private Q_SLOTS:
     void init()
     {
@@ -228,17 +244,17 @@ private Q_SLOTS:
         QCOMPARE(count(db(), "SELECT count(*) FROM message_search WHERE message_search MATCH 'secret'"), 0);
     }
 
+    void quittingMidDeletionEndsCleanly()
+    {
+        m_model->deleteFolder(addArchive());
+        QVERIFY(m_model->isDeleting());
+        m_model.reset();
+        QTest::qWait(200);
+    }
+
     void aLargeFolderIsDeletedInSlices()
     {
-        const auto big = m_model->addFolder(std::nullopt);
-        m_model->renameNode(big->id, QStringLiteral("Archive"));
-        db().execute(QStringLiteral("BEGIN"));
-        for (int c = 0; c < 5; ++c) {
-            const qint64 chat = db().addChat(big->id, QStringLiteral("Old %1").arg(c));
-            for (int m = 0; m < 600; ++m)
-                addMessage(db(), chat, QStringLiteral("zanzibar%1 archived words").arg(m));
-        }
-        db().execute(QStringLiteral("COMMIT"));
+        const qint64 big = addArchive();
         m_model->addChat(inbox());
         const qint64 kept = *m_model->selectedChatID();
         addMessage(db(), kept, QStringLiteral("kept words"));
@@ -246,7 +262,7 @@ private Q_SLOTS:
 
         QStringList progress;
         connect(m_model.get(), &AppModel::statusChanged, this, [&] { progress << m_model->status(); });
-        m_model->deleteFolder(big->id);
+        m_model->deleteFolder(big);
         // The window keeps running while it goes, and nothing else is started meanwhile.
         QVERIFY(m_model->isDeleting());
         QVERIFY(m_model->isBusy());
