@@ -37,11 +37,13 @@ int main(int argc, char *argv[])
     parser.process(app);
 
     TerminationSignals terminationSignals;
+    // Declared before the engine, so that the window goes first at exit and no binding
+    // reads a model that is already gone.
+    std::unique_ptr<AppModel> model;
     QQmlApplicationEngine engine;
     QObject::connect(&engine, &QQmlApplicationEngine::objectCreationFailed, &app,
                      [] { QCoreApplication::exit(1); }, Qt::QueuedConnection);
 
-    std::unique_ptr<AppModel> model;
     try {
         model = std::make_unique<AppModel>();
     } catch (const CorvaneError &error) {
