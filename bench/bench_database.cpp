@@ -4,6 +4,7 @@
 //
 // Usage: bench_database [data directory]   (default: bench-data beside the program)
 // The two database files are generated once and kept there; later runs reuse them.
+#include "bench_support.h"
 #include "storage/database.h"
 
 #include <QCoreApplication>
@@ -138,13 +139,6 @@ double elapsedMs(const std::function<void()> &work)
     timer.start();
     work();
     return double(timer.nsecsElapsed()) / 1e6;
-}
-
-double median(QList<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const qsizetype n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 struct Variant

@@ -3,6 +3,7 @@
 // and what the application's streaming costs compared with reading the server directly.
 //
 // Usage: bench_inference [model.gguf]   (default: the test model that `make test` generates)
+#include "bench_support.h"
 #include "inference/inference_engine.h"
 
 #include <QCoreApplication>
@@ -26,12 +27,6 @@ QJsonArray conversation(int count)
                                     {"content", QStringLiteral("Message %1 is about the garden, the river and "
                                                                "what to cook for dinner tonight.").arg(i)}});
     return messages;
-}
-
-double median(QList<double> values)
-{
-    std::ranges::sort(values);
-    return values[values.size() / 2];
 }
 
 const QJsonArray s_prompt{QJsonObject{{"role", "user"}, {"content", "Tell me a long story."}}};
@@ -132,12 +127,10 @@ QCoro::Task<> run(QString model)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QString model = argc > 1 ? QString::fromLocal8Bit(argv[1])
-                                   : QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
-    if (!QFileInfo::exists(model)) {
-        std::fprintf(stderr, "bench_inference: %s is missing; `make test` generates it\n", qPrintable(model));
+    const std::optional<QString> found = benchmarkModel(argc, argv, "bench_inference");
+    if (!found)
         return 1;
-    }
+    const QString model = *found;
     int status = 0;
     auto task = [&]() -> QCoro::Task<> {
         try {

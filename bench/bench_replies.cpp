@@ -5,6 +5,7 @@
 // without an event-loop turn during a reply.
 //
 // Usage: bench_replies [model.gguf]   (default: the test model that `make test` generates)
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
@@ -24,12 +25,6 @@
 
 namespace {
 
-double median(QList<double> values)
-{
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-}
-
 double ms(qint64 nanoseconds)
 {
     return double(nanoseconds) / 1e6;
@@ -40,12 +35,10 @@ double ms(qint64 nanoseconds)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QString model = argc > 1 ? QString::fromLocal8Bit(argv[1])
-                                   : QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
-    if (!QFileInfo::exists(model)) {
-        std::fprintf(stderr, "bench_replies: %s is missing; `make test` generates it\n", qPrintable(model));
+    const std::optional<QString> found = benchmarkModel(argc, argv, "bench_replies");
+    if (!found)
         return 1;
-    }
+    const QString model = *found;
     QTemporaryDir dir;
     qputenv("CORVANE_DATA_DIR", dir.filePath(QStringLiteral("data")).toUtf8());
     const ModelSpec spec = linkTestChatModel(dir.filePath(QStringLiteral("data")), model);
@@ -56,14 +49,8 @@ int main(int argc, char *argv[])
     appModel.addChat();
     const qint64 chat = *appModel.selectedChatID();
     Database &db = appModel.database();
-    db.execute(QStringLiteral("BEGIN"));
-    for (int i = 0; i < 1000; ++i)
-        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) "
-                                  "VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
-                   {DBValue::integer(chat), DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
-                    DBValue::text(QStringLiteral("Message %1 is about the garden, the river and what to cook "
-                                                 "for dinner tonight.").arg(i))});
-    db.execute(QStringLiteral("COMMIT"));
+    addConversation(db, chat, 1000,
+                    QStringLiteral("Message %1 is about the garden, the river and what to cook for dinner tonight."));
     appModel.selectChat(chat);
 
     InferenceEngine &engine = appModel.inference();

@@ -5,6 +5,7 @@
 //
 // Usage: bench_startup [corvane] [database]   (defaults: build/bin/corvane and
 // build/bench/bench-data/messages-1m-fk-indexes.sqlite, which bench_database generates)
+#include "bench_support.h"
 #include "models/model_catalogue.h"
 
 #include <QCoreApplication>
@@ -20,12 +21,6 @@
 #include <cstdio>
 
 namespace {
-
-double median(QList<double> values)
-{
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-}
 
 /// The process's resident memory in MB, from /proc.
 double residentMB(qint64 pid)

@@ -4,6 +4,7 @@
 // and the reply pipeline both depend on.
 //
 // Usage: bench_tree
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "storage/database.h"
 
@@ -40,12 +41,6 @@ void generate(Database &db)
         }
     }
     db.execute(QStringLiteral("COMMIT"));
-}
-
-double median(QList<double> values)
-{
-    std::ranges::sort(values);
-    return values[values.size() / 2];
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 // program sits beside it in build/fake-runtime/), which sends one piece every 10 ms, so the
 // measurement is of the window, not of a model. Drawn with the offscreen platform and Qt
 // Quick's software renderer, as on a machine without a GPU.
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "app_model_singleton.h"
 #include "inference/inference_engine.h"
@@ -68,14 +69,9 @@ int main(int argc, char *argv[])
     appModel.addChat();
     const qint64 chat = *appModel.selectedChatID();
     Database &db = appModel.database();
-    db.execute(QStringLiteral("BEGIN"));
-    for (int i = 0; i < 10000; ++i)
-        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) "
-                                  "VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
-                   {DBValue::integer(chat), DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
-                    DBValue::text(QStringLiteral("Message %1 with **some bold words**, a list:\n\n- one\n- two\n\n"
-                                                 "and `a little code`.").arg(i))});
-    db.execute(QStringLiteral("COMMIT"));
+    addConversation(db, chat, 10000,
+                    QStringLiteral("Message %1 with **some bold words**, a list:\n\n- one\n- two\n\n"
+                                   "and `a little code`."));
     appModel.selectChat(chat);
 
     AppModelSingleton::instance = &appModel;

@@ -1,0 +1,48 @@
+#pragma once
+
+// Pieces the benchmarks share: the middle of a set of timings, the model file they run on,
+// and a long chat to work on.
+
+#include "storage/database.h"
+
+#include <QFileInfo>
+#include <QList>
+#include <QString>
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+
+/// The middle value (the mean of the two middle ones for an even count).
+inline double median(QList<double> values)
+{
+    std::ranges::sort(values);
+    const qsizetype n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+/// The model file named on the command line, else the test model that `make test` generates;
+/// absent, with a message naming `program`, when the file is missing.
+inline std::optional<QString> benchmarkModel(int argc, char *argv[], const char *program)
+{
+    const QString model = argc > 1 ? QString::fromLocal8Bit(argv[1])
+                                   : QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+    if (QFileInfo::exists(model))
+        return model;
+    std::fprintf(stderr, "%s: %s is missing; `make test` generates it\n", program, qPrintable(model));
+    return std::nullopt;
+}
+
+/// Adds `count` messages to a chat in one transaction, user and assistant taking turns;
+/// `body` gets the message's number for "%1".
+inline void addConversation(Database &db, qint64 chatID, int count, const QString &body)
+{
+    db.execute(QStringLiteral("BEGIN"));
+    for (int i = 0; i < count; ++i)
+        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, "
+                                  "hidden, data) VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
+                   {DBValue::integer(chatID),
+                    DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
+                    DBValue::text(body.arg(i))});
+    db.execute(QStringLiteral("COMMIT"));
+}
