@@ -1,11 +1,13 @@
-// Deleting folders and chats. The search index pays for every deleted message (about 1.5 ms
-// each in a large index, to wipe its words from the index's pages), so a folder of thousands
-// of messages would hold the window for seconds. Messages therefore go in slices of about
-// 40 ms, each its own transaction, with the event loop turning in between and the progress in
-// the status line; the folder or chat itself goes last. Before a large deletion the index is
-// merged, also in slices: a merged index removes rows several times faster, and merging a
-// million messages' index takes about two seconds. An interrupted deletion leaves the
-// folder or chat in place with the messages not yet reached.
+// Deleting folders and chats. A deletion hides its folder or chat at once by adding it to the
+// deletion queue, which every reload leaves out, and the rows go afterwards in the background.
+//
+// The search index pays for every removed message (about a millisecond each in a large index,
+// to wipe its words from the index's pages), so a folder of thousands of messages takes
+// seconds to remove. The purge therefore runs in slices of about 40 ms, each its own
+// transaction, with the event loop turning in between; the folder or chat row goes last,
+// together with its queue entry. Before a large removal the index is merged, also in slices:
+// a merged index removes rows several times faster. A purge cut short by quitting goes on at
+// the next start; until then the queue keeps what it holds out of sight.
 #include "app/app_model.h"
 
 #include "storage/database.h"
@@ -28,107 +30,90 @@ constexpr int s_mergePages = 200;
 
 void AppModel::deleteChat(qint64 id)
 {
-    if (m_isGenerating || m_deletingName)
+    if (m_isGenerating || std::ranges::find(m_chats, id, &Chat::id) == m_chats.end())
         return;
-    const auto chat = std::ranges::find(m_chats, id, &Chat::id);
-    const QString title = chat != m_chats.end() ? chat->title : QString();
-    if (m_selectedChatID == id) {
-        clearChatSelection();
-        Q_EMIT selectionChanged();
-    }
-    deleteInSlices(
-        title, {id},
-        [this, id] { m_database->execute(QStringLiteral("DELETE FROM chats WHERE id=?"), {DBValue::integer(id)}); },
-        [] {});
+    if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::chat, id}); }))
+        return;
+    // The reload drops the selection of a chat that is no longer shown.
+    reload();
+    startPurge();
 }
 
 void AppModel::deleteFolder(qint64 id)
 {
-    if (m_isGenerating || m_deletingName)
+    if (m_isGenerating || !m_tree.find(id))
         return;
-    const Node *folder = m_tree.find(id);
-    const QString name = folder ? folder->name : QString();
-    const QSet<qint64> subtree = subtreeIDs(id);
-    QList<qint64> chatIDs;
-    for (const Chat &chat : m_chats)
-        if (subtree.contains(chat.nodeID))
-            chatIDs.append(chat.id);
-
-    // Nothing in the folder stays on screen while it goes.
-    const std::optional<Chat> chat = selectedChat();
-    if (chat && subtree.contains(chat->nodeID)) {
-        clearChatSelection();
+    if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::folder, id}); }))
+        return;
+    reload();
+    // There is always at least one folder to put chats in.
+    if (nodes().isEmpty()
+        && tryDatabase([this] { m_database->addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox")); }))
+        reload();
+    if (!m_selectedNodeID && !nodes().isEmpty()) {
+        m_selectedNodeID = nodes().first().id;
         Q_EMIT selectionChanged();
     }
-    const auto finish = [this, id] {
-        m_database->execute(QStringLiteral("DELETE FROM nodes WHERE id=?"), {DBValue::integer(id)});
-        // There is always at least one folder to put chats in.
-        if (m_database->nodes().isEmpty())
-            m_database->addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox"));
-    };
-    const auto after = [this, subtree] {
-        if (m_selectedNodeID && subtree.contains(*m_selectedNodeID)) {
-            m_selectedNodeID.reset();
-            Q_EMIT selectionChanged();
-        }
-        if (!m_selectedNodeID && !nodes().isEmpty()) {
-            m_selectedNodeID = nodes().first().id;
-            Q_EMIT selectionChanged();
-        }
-    };
-    deleteInSlices(name, chatIDs, finish, after);
+    startPurge();
 }
 
-QCoro::Task<> AppModel::deleteInSlices(QString name, QList<qint64> chatIDs, std::function<void()> finish,
-                                       std::function<void()> after)
+void AppModel::startPurge()
+{
+    if (m_purgeCancel || m_deletions.isEmpty())
+        return;
+    m_purgeCancel = CancellationToken();
+    purgeDeletions(*m_purgeCancel);
+}
+
+void AppModel::cancelPurge()
+{
+    if (m_purgeCancel)
+        m_purgeCancel->cancel();
+    m_purgeCancel.reset();
+}
+
+QCoro::Task<> AppModel::purgeDeletions(CancellationToken cancel)
 {
     const QPointer<AppModel> alive(this);
-    m_deletingName = name;
-    Q_EMIT activityChanged();
-    QList<qint64> ids;
-    bool ok = tryDatabase([&] {
-        for (const qint64 chatID : chatIDs)
-            ids += m_database->messageIDs(chatID);
-    });
-    // In id order, each slice's words sit close together in the index's pages.
-    std::ranges::sort(ids);
-    bool shownProgress = false;
-    if (ok && ids.size() >= s_mergeFirstFrom) {
-        setStatus(QStringLiteral("Deleting “%1”… 0%").arg(name), false);
-        shownProgress = true;
-        bool more = true;
+    // Each slice starts after an event-loop turn: the deletion that queued the work returns
+    // first, and the window redraws between slices.
+    const auto stopped = [&] { return !alive || cancel.isCancelled(); };
+    bool ok = true;
+    while (ok && !m_deletions.isEmpty()) {
+        const DeletionQueue::Entry entry = m_deletions.entries().first();
+        co_await QCoro::sleepFor(std::chrono::milliseconds(0));
+        if (stopped())
+            co_return;
+        QList<qint64> ids;
+        ok = tryDatabase([&] { ids = DeletionQueue::messageIDs(*m_database, entry); });
+        bool more = ok && ids.size() >= s_mergeFirstFrom;
         while (ok && more) {
             ok = tryDatabase([&] { more = m_database->mergeSearchIndex(s_mergePages); });
             co_await QCoro::sleepFor(std::chrono::milliseconds(0));
-            if (!alive)
+            if (stopped())
                 co_return;
         }
-    }
-    qsizetype done = 0;
-    qsizetype slice = 16;
-    while (ok && done < ids.size()) {
-        QElapsedTimer timer;
-        timer.start();
-        const QList<qint64> part = ids.mid(done, slice);
-        ok = tryDatabase([&] { m_database->deleteMessages(part); });
-        done += part.size();
-        const qint64 spent = std::max<qint64>(1, timer.elapsed());
-        slice = std::clamp<qsizetype>(slice * s_sliceTargetMs / spent, 8, 4096);
-        if (ok && done < ids.size()) {
-            setStatus(QStringLiteral("Deleting “%1”… %2%").arg(name).arg(done * 100 / ids.size()), false);
-            shownProgress = true;
+        qsizetype done = 0;
+        qsizetype slice = 16;
+        while (ok && done < ids.size()) {
+            QElapsedTimer timer;
+            timer.start();
+            // In id order, each slice's words sit close together in the index's pages.
+            const QList<qint64> part = ids.mid(done, slice);
+            ok = tryDatabase([&] { m_database->deleteMessages(part); });
+            done += part.size();
+            const qint64 spent = std::max<qint64>(1, timer.elapsed());
+            slice = std::clamp<qsizetype>(slice * s_sliceTargetMs / spent, 8, 4096);
             co_await QCoro::sleepFor(std::chrono::milliseconds(0));
-            if (!alive)
+            if (stopped())
                 co_return;
         }
+        if (ok)
+            ok = tryDatabase([&] { m_deletions.finish(*m_database, entry); });
+        pruneImages();
     }
-    if (ok)
-        ok = tryDatabase(finish);
-    m_deletingName.reset();
-    Q_EMIT activityChanged();
-    reload();
-    pruneImages();
-    after();
-    if (ok && shownProgress)
-        setStatus(QString(), false);
+    // A failure was shown in the status line; the queue keeps the rest for the next deletion
+    // or the next start.
+    m_purgeCancel.reset();
+    Q_EMIT purgeFinished();
 }

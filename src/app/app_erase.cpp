@@ -14,6 +14,8 @@ bool AppModel::eraseAllData()
         eraseAllDataOrThrow();
     } catch (const std::exception &error) {
         showError(error);
+        // Whatever is still queued for removal goes on being removed.
+        startPurge();
         return false;
     }
     return true;
@@ -24,6 +26,7 @@ void AppModel::eraseAllDataOrThrow()
     // Background work stops first: compaction is cancelled, the inference server shut down
     // and speech silenced, so that nothing writes while files and rows go.
     cancelCompaction();
+    cancelPurge();
     m_inference->shutdown();
 
     // Files: models, then the script library (which gets its example script back), then
@@ -34,17 +37,8 @@ void AppModel::eraseAllDataOrThrow()
     // Rows: all of them in one transaction, then the file is compacted so that no freed
     // page keeps old text.
     Database &db = *m_database;
-    db.execute(QStringLiteral("BEGIN IMMEDIATE"));
-    try {
-        db.clearAllData();
-        db.execute(QStringLiteral("COMMIT"));
-    } catch (...) {
-        try {
-            db.execute(QStringLiteral("ROLLBACK"));
-        } catch (...) {
-        }
-        throw;
-    }
+    db.inTransaction([&] { db.clearAllData(); });
+    m_deletions.clear();
     db.execute(QStringLiteral("VACUUM"));
     db.execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
 

@@ -55,8 +55,12 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
 
     // 6. The tree and the first chat that is not sealed; script timers and auto-lock start
     //    once those subsystems are connected.
+    //    Folders and chats deleted in an earlier run whose rows are not all gone stay hidden
+    //    and their removal goes on.
+    m_deletions.load(*m_database);
     reload();
     selectFirstOpenChat();
+    startPurge();
 }
 
 AppModel::~AppModel()
@@ -64,12 +68,12 @@ AppModel::~AppModel()
     // Running tasks see their cancellation and stop at their next await.
     stopReply();
     cancelCompaction();
+    cancelPurge();
 }
 
 bool AppModel::isBusy() const
 {
-    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value()
-           || m_deletingName.has_value();
+    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value();
 }
 
 Readiness::Value AppModel::readiness() const

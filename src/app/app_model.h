@@ -6,6 +6,7 @@
 #include "models/model_spec.h"
 #include "platform/cancellation.h"
 #include "scripts/cartridge_context.h"
+#include "storage/deletion_queue.h"
 #include "storage/records.h"
 #include "vault/vault_record.h"
 
@@ -191,14 +192,13 @@ public:
     void addChat(std::optional<qint64> nodeID = std::nullopt);
     Q_INVOKABLE void renameNode(qint64 id, const QString &name);
     Q_INVOKABLE void renameChat(qint64 id, const QString &title);
-    /// Deletes a chat with its messages. Large deletions run in slices between event-loop
-    /// turns with their progress in the status line (app_deletion.cpp); small ones end
-    /// before this returns.
+    /// Deletes a chat with its messages. The chat leaves every view before this returns;
+    /// its rows are removed afterwards in the background (app_deletion.cpp).
     Q_INVOKABLE void deleteChat(qint64 id);
-    /// Deletes a folder with its sub-folders, chats and messages, in slices like `deleteChat`.
+    /// Deletes a folder with its sub-folders, chats and messages, the same way as `deleteChat`.
     Q_INVOKABLE void deleteFolder(qint64 id);
-    /// A deletion is still running.
-    bool isDeleting() const { return m_deletingName.has_value(); }
+    /// Deleted folders and chats whose rows are still being removed.
+    bool isPurging() const { return m_purgeCancel.has_value(); }
     void moveSelectedChat(qint64 folderID);
     Q_INVOKABLE void setNodePrompt(qint64 id, const QString &text);
     Q_INVOKABLE void setNodeAgentName(qint64 id, const QString &text);
@@ -303,11 +303,17 @@ Q_SIGNALS:
     void liveReplyChanged();
     /// The selected chat, its fields or its summary changed.
     void currentChatChanged();
+    /// The background removal of deleted folders and chats ended: all of them are gone, or a
+    /// failure stopped it and is shown in the status line.
+    void purgeFinished();
 
 private:
     void readSettings();
     void storeSetting(const QString &key, const QString &value);
     void selectFirstOpenChat();
+    /// Leaves out of freshly read rows the folders and chats in the deletion queue, with
+    /// everything below those folders.
+    void hideDeleted(QList<Node> &nodes, QList<Chat> &chats) const;
     void loadMessages();
     void eraseAllDataOrThrow();
     QCoro::Task<> runInstall(QList<ModelSpec> workList, CancellationToken cancel);
@@ -347,10 +353,11 @@ private:
     /// script and remembered for this run.
     QCoro::Task<bool> handlesReplies(Chat chat, QString source);
     void setLiveReply(const QString &reply);
-    /// Deletes the messages of `chatIDs` in slices of about 40 ms each, then runs `finish`
-    /// (which deletes the rows that own them) and `after`.
-    QCoro::Task<> deleteInSlices(QString name, QList<qint64> chatIDs, std::function<void()> finish,
-                                 std::function<void()> after);
+    /// Removes the rows of the deletion queue, oldest entry first, in slices of about 40 ms.
+    QCoro::Task<> purgeDeletions(CancellationToken cancel);
+    /// Starts `purgeDeletions` unless it runs already or the queue is empty.
+    void startPurge();
+    void cancelPurge();
     void cancelCompaction();
 
     /// Ends a task of this model that resumes after the model is gone (the application quit
@@ -410,8 +417,10 @@ private:
     bool m_isRecording = false;
     bool m_isTranscribing = false;
     std::optional<QString> m_busyModelID;
-    /// The name of the folder or chat being deleted.
-    std::optional<QString> m_deletingName;
+    /// Deleted folders and chats, left out of the tree until their rows are gone.
+    DeletionQueue m_deletions;
+    /// Cancels the running purge (`purgeDeletions`); absent when none runs.
+    std::optional<CancellationToken> m_purgeCancel;
 
     QString m_globalPrompt;
     QString m_globalAgentName;

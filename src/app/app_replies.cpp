@@ -39,7 +39,7 @@ void AppModel::setComposer(const QString &text)
 
 bool AppModel::canSend() const
 {
-    return m_selectedChatID && !m_isGenerating && !m_deletingName
+    return m_selectedChatID && !m_isGenerating
            && (!Settings::trimmed(m_composer).isEmpty() || m_pendingImage.has_value());
 }
 
@@ -78,7 +78,7 @@ qint64 AppModel::insertMessage(qint64 chatID, const QString &role, const QString
 void AppModel::send()
 {
     const std::optional<Chat> chat = selectedChat();
-    if (!chat || m_isGenerating || m_deletingName)
+    if (!chat || m_isGenerating)
         return;
     const std::optional<ModelSpec> model = languageModel();
     if (!model) {

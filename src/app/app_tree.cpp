@@ -28,6 +28,7 @@ void AppModel::reload(bool withMessages)
             chats = m_database->chats();
         }))
         return;
+    hideDeleted(nodes, chats);
     m_tree = FolderTree(std::move(nodes));
     m_foldersWithChats.clear();
     for (Chat &chat : chats) {
@@ -49,6 +50,23 @@ void AppModel::reload(bool withMessages)
         Q_EMIT selectionChanged();
     if (withMessages && !chatGone)
         loadMessages();
+}
+
+void AppModel::hideDeleted(QList<Node> &nodes, QList<Chat> &chats) const
+{
+    if (m_deletions.isEmpty())
+        return;
+    QSet<qint64> hiddenNodes;
+    QSet<qint64> hiddenChats;
+    const FolderTree all(nodes);
+    for (const DeletionQueue::Entry &entry : m_deletions.entries()) {
+        if (entry.kind == DeletionQueue::Kind::folder)
+            hiddenNodes.unite(all.subtreeIDs(entry.id));
+        else
+            hiddenChats.insert(entry.id);
+    }
+    nodes.removeIf([&](const Node &node) { return hiddenNodes.contains(node.id); });
+    chats.removeIf([&](const Chat &chat) { return hiddenChats.contains(chat.id) || hiddenNodes.contains(chat.nodeID); });
 }
 
 void AppModel::selectFirstOpenChat()

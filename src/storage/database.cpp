@@ -165,6 +165,22 @@ qint64 Database::lastInsertedID() const
     return sqlite3_last_insert_rowid(handle());
 }
 
+void Database::inTransaction(const std::function<void()> &work)
+{
+    execute(QStringLiteral("BEGIN IMMEDIATE"));
+    try {
+        work();
+        execute(QStringLiteral("COMMIT"));
+    } catch (...) {
+        try {
+            execute(QStringLiteral("ROLLBACK"));
+        } catch (const DatabaseError &) {
+            // The first failure is the one worth reporting.
+        }
+        throw;
+    }
+}
+
 qint64 Database::addNode(std::optional<qint64> parentID, const QString &kind, const QString &name)
 {
     const bool sealed = parentID && isNodeSealed(*parentID);
@@ -269,20 +285,11 @@ void Database::moveChat(qint64 chatID, qint64 nodeID)
 {
     const bool to = isNodeSealed(nodeID);
     const bool from = isChatSealed(chatID);
-    execute(QStringLiteral("BEGIN IMMEDIATE"));
-    try {
+    inTransaction([&] {
         execute(QStringLiteral("UPDATE chats SET node_id=? WHERE id=?"),
                 {DBValue::integer(nodeID), DBValue::integer(chatID)});
         resealChat(chatID, to);
-        execute(QStringLiteral("COMMIT"));
-    } catch (...) {
-        try {
-            execute(QStringLiteral("ROLLBACK"));
-        } catch (const DatabaseError &) {
-            // The first failure is the one worth reporting.
-        }
-        throw;
-    }
+    });
     if (from != to) {
         // Merge the index so secure-delete purges the removed rows, then rewrite the file so
         // that no freed page keeps the chat's former plain text.

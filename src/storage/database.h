@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -58,6 +59,9 @@ public:
     void execute(const QString &sql, const QList<DBValue> &args = {});
     /// The id of the row the last INSERT on this connection added.
     qint64 lastInsertedID() const;
+    /// Runs `work` between "BEGIN IMMEDIATE" and "COMMIT". When anything in it throws,
+    /// "ROLLBACK" leaves the file as it was and the first failure is rethrown.
+    void inTransaction(const std::function<void()> &work);
 
     // Settings -----------------------------------------------------------------------------
 
