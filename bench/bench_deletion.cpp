@@ -2,11 +2,13 @@
 // of 100 chats (about 20,000 messages) and one of its chats, each on a fresh copy. A deletion
 // hides the folder or chat at once and removes its rows in the background, in slices between
 // event-loop turns. Measured: how long until it has left the tree, how long until its rows are
-// gone, and the longest the main thread went without a turn meanwhile.
+// gone, and the longest the main thread went without a turn meanwhile. Last, erasing all data,
+// whose rows go on a worker thread.
 //
 // Usage: bench_deletion [database]   (default: build/bench/bench-data/messages-1m-fk-indexes.sqlite)
 #include "app/app_model.h"
 #include "storage/database.h"
+#include "storage/statement.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -50,9 +52,10 @@ Result measure(const QString &database, const std::function<std::pair<qint64, qs
     ticker.start();
     remove(model, id);
     const double hiddenMs = double(total.nsecsElapsed()) / 1e6;
-    if (model.isPurging()) {
+    if (model.isPurging() || model.isErasing()) {
         QEventLoop loop;
         QObject::connect(&model, &AppModel::purgeFinished, &loop, &QEventLoop::quit);
+        QObject::connect(&model, &AppModel::erasingFinished, &loop, &QEventLoop::quit);
         loop.exec();
     }
     longest = std::max(longest, sinceTurn.elapsed());
@@ -96,5 +99,15 @@ int main(int argc, char *argv[])
     std::printf("| the folder of 100 chats, %lld messages | %.0f | %.0f | %lld |\n",
                 static_cast<long long>(folder.messages), folder.hiddenMs, folder.totalMs,
                 static_cast<long long>(folder.longestGapMs));
+    const Result erase = measure(
+        database,
+        [](AppModel &model) {
+            Statement count(model.database().handle(), QStringLiteral("SELECT count(*) FROM messages"));
+            count.next();
+            return std::pair(qint64(0), qsizetype(count.integer(0)));
+        },
+        [](AppModel &model, qint64) { model.eraseAllData(); });
+    std::printf("| erase all data, %lld messages | – | %.0f | %lld |\n", static_cast<long long>(erase.messages),
+                erase.totalMs, static_cast<long long>(erase.longestGapMs));
     return 0;
 }

@@ -73,7 +73,7 @@ AppModel::~AppModel()
 
 bool AppModel::isBusy() const
 {
-    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value();
+    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value() || m_isErasing;
 }
 
 Readiness::Value AppModel::readiness() const

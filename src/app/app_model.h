@@ -54,6 +54,7 @@ class AppModel : public QObject
     Q_PROPERTY(bool isTranscribing READ isTranscribing NOTIFY activityChanged)
     Q_PROPERTY(QString busyModelID READ busyModelID NOTIFY activityChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
+    Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(QVariantList chatModelChoices READ chatModelChoices NOTIFY installedModelsChanged)
     Q_PROPERTY(qint64 downloadedBytes READ downloadedBytes NOTIFY downloadProgressChanged)
     Q_PROPERTY(qint64 downloadTotalBytes READ downloadTotalBytes NOTIFY downloadProgressChanged)
@@ -283,9 +284,13 @@ public:
 
     // ---- erase (app_erase.cpp)
     /// Removes every chat, folder, script, prompt, setting and downloaded model after the
-    /// user confirmed. Refused (false) while anything is busy; a failure is shown in the
-    /// status banner and also answers false.
-    Q_INVOKABLE bool eraseAllData();
+    /// user confirmed, and ends with `erasingFinished`. Refused while anything is busy.
+    Q_INVOKABLE void eraseAllData();
+    /// The work of `eraseAllData`: answers whether everything was erased. Refused (false)
+    /// while anything is busy; a failure is shown in the status banner and answers false.
+    QCoro::Task<bool> eraseAll();
+    /// Erasing is under way; the window takes no input meanwhile.
+    bool isErasing() const { return m_isErasing; }
 
 Q_SIGNALS:
     void installedModelsChanged();
@@ -306,6 +311,8 @@ Q_SIGNALS:
     /// The background removal of deleted folders and chats ended: all of them are gone, or a
     /// failure stopped it and is shown in the status line.
     void purgeFinished();
+    /// `eraseAllData` ended; `erased` is false when it was refused or failed.
+    void erasingFinished(bool erased);
 
 private:
     void readSettings();
@@ -315,7 +322,8 @@ private:
     /// everything below those folders.
     void hideDeleted(QList<Node> &nodes, QList<Chat> &chats) const;
     void loadMessages();
-    void eraseAllDataOrThrow();
+    /// Puts the model back to a first start's state once the files and rows are gone.
+    void resetAfterErase();
     QCoro::Task<> runInstall(QList<ModelSpec> workList, CancellationToken cancel);
     QCoro::Task<> runInstallFromFile(QString path, CancellationToken cancel);
     void setBusyModel(std::optional<QString> id, qint64 total);
@@ -416,6 +424,7 @@ private:
     bool m_isGenerating = false;
     bool m_isRecording = false;
     bool m_isTranscribing = false;
+    bool m_isErasing = false;
     std::optional<QString> m_busyModelID;
     /// Deleted folders and chats, left out of the tree until their rows are gone.
     DeletionQueue m_deletions;

@@ -131,6 +131,11 @@ public:
     /// Deletes everything and leaves only an empty "Inbox" folder. The caller wraps it in a
     /// transaction.
     void clearAllData();
+    /// Erases the file at `filePath` through a connection of its own, so that it can run on a
+    /// worker thread while the application's connection stays idle: `clearAllData` in one
+    /// transaction, then "VACUUM" so that no freed page keeps old text, then a checkpoint.
+    /// Throws DatabaseError; a failure inside the transaction leaves every row in place.
+    static void eraseFile(const QString &filePath);
 
     // Sealed storage -----------------------------------------------------------------------
 

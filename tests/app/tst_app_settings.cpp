@@ -4,6 +4,7 @@
 #include "app/settings_rules.h"
 #include "platform/error.h"
 #include "storage/database.h"
+#include "support/await_task.h"
 #include "support/database_rows.h"
 
 #include <QDir>
@@ -228,8 +229,15 @@ private Q_SLOTS:
         QVERIFY(model.selectedChatID());
         QCOMPARE(model.globalAgentName(), QStringLiteral("Ada"));
 
-        QVERIFY(model.eraseAllData());
+        QCoro::Task<bool> erasing = model.eraseAll();
+        // The rows go on a worker thread; meanwhile nothing else may start.
+        QVERIFY(model.isErasing());
+        QVERIFY(model.isBusy());
+        QCOMPARE(model.status(), QStringLiteral("Erasing all Corvane data…"));
+        QVERIFY(!awaitTask(model.eraseAll()));
+        QVERIFY(awaitTask(std::move(erasing)));
 
+        QVERIFY(!model.isErasing());
         QCOMPARE(model.status(), QStringLiteral("All Corvane data erased"));
         QVERIFY(!model.statusIsError());
         QCOMPARE(QDir(m_dir->filePath(QStringLiteral("Models"))).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
@@ -254,7 +262,7 @@ private Q_SLOTS:
         model.database().setSetting(Settings::agentNameKey, QStringLiteral("Ada"));
         model.database().execute(QStringLiteral(
             "CREATE TRIGGER refuse BEFORE DELETE ON nodes BEGIN SELECT RAISE(ABORT, 'cannot delete'); END"));
-        QVERIFY(!model.eraseAllData());
+        QVERIFY(!awaitTask(model.eraseAll()));
         QCOMPARE(model.status(), QStringLiteral("cannot delete"));
         QVERIFY(model.statusIsError());
         // The settings row deleted before the failing step is back.

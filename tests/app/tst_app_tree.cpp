@@ -2,6 +2,7 @@
 // chain (cycles included), and the sidebar's commands with their refusals and errors.
 #include "app/app_model.h"
 #include "storage/database.h"
+#include "support/await_task.h"
 #include "support/database_rows.h"
 
 #include <QJsonArray>
@@ -325,7 +326,7 @@ private Q_SLOTS:
     {
         m_model->deleteFolder(addArchive());
         turnUntilTheRemovalStarts();
-        QVERIFY(m_model->eraseAllData());
+        QVERIFY(awaitTask(m_model->eraseAll()));
         QVERIFY(!m_model->isPurging());
         QTest::qWait(100);
         QCOMPARE(count(db(), "SELECT count(*) FROM settings"), 0);

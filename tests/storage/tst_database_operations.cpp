@@ -3,6 +3,7 @@
 
 #include "vault/fingerprint.h"
 
+#include <QFile>
 #include <QTemporaryDir>
 #include "support/database_rows.h"
 
@@ -124,15 +125,30 @@ private Q_SLOTS:
         QCOMPARE(m_db->cartridgeState("script B", chat), "new");
     }
 
-    void clearAllDataLeavesOnlyTheInbox()
+    void erasingLeavesOnlyTheInboxAndNoWordInTheFile()
     {
-        addMessage(*m_db, m_db->addChat(m_db->addNode(1, "folder", "Work"), "c"), "words");
+        for (int i = 0; i < 300; ++i)
+            addMessage(*m_db, m_db->addChat(m_db->addNode(1, "folder", "Work"), "c"), QString("zanzibar%1 words").arg(i));
         m_db->setSetting("theme", "dark");
-        m_db->clearAllData();
+        const QString file = m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(m_count));
+
+        // Through a second connection, as the application erases from a worker thread while
+        // its own connection waits.
+        Database::eraseFile(file);
+
         QCOMPARE(query("SELECT parent_id, kind, name FROM nodes"), QStringList({"NULL|folder|Inbox"}));
         QCOMPARE(query("SELECT (SELECT count(*) FROM chats) + (SELECT count(*) FROM messages)"
                        " + (SELECT count(*) FROM settings) + (SELECT count(*) FROM message_search)"),
                  QStringList({"0"}));
+        QFile bytes(file);
+        QVERIFY(bytes.open(QIODevice::ReadOnly));
+        QVERIFY(!bytes.readAll().contains("zanzibar"));
+        // The emptied index goes on working.
+        addMessage(*m_db, m_db->addChat(1, "New"), "fresh words");
+        QCOMPARE(m_db->search("fresh").size(), 1);
+        QCOMPARE(m_db->search("words").size(), 1);
+        m_db->execute("DELETE FROM chats");
+        QCOMPARE(query("SELECT count(*) FROM message_search"), QStringList({"0"}));
     }
 
     void search_data()

@@ -3,6 +3,7 @@
 // reply streamed from the real llama-server, sent with Enter and stopped with Escape.
 // Pictures are saved under build/test-output/.
 #include "app/app_model.h"
+#include "app/settings_rules.h"
 #include "app_model_singleton.h"
 #include "storage/database.h"
 #include "support/database_rows.h"
@@ -556,7 +557,15 @@ private Q_SLOTS:
                  QStringLiteral("This permanently deletes all chats, folders, scripts, prompts, settings, and downloaded "
                                 "models from this computer. You will need to download models again."));
         QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("eraseDialogAccept")), "clicked"));
-        QTRY_VERIFY(!m_model->hasChatModel());
+        QVERIFY(m_model->isErasing());
+        QVERIFY(!findObject(m_window, QStringLiteral("eraseButton"))->property("enabled").toBool());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isErasing(), 10000);
+        QCOMPARE(m_model->status(), QStringLiteral("All Corvane data erased"));
+        // The sheet closes, with the rest of the chat window.
+        QTRY_VERIFY(!findObject(m_window, QStringLiteral("settingsSheet")));
+        // Closing the sheet did not store the erased name again.
+        QVERIFY(m_model->database().setting(Settings::agentNameKey) == std::nullopt);
+        QVERIFY(!m_model->hasChatModel());
         QCOMPARE(m_model->chats().size(), 0);
         QVERIFY(QFileInfo::exists(s_testModel));
         QTRY_VERIFY_WITH_TIMEOUT(findItem(m_window, QStringLiteral("firstRunTitle")), 2000);

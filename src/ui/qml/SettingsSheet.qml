@@ -27,6 +27,8 @@ Dialog {
     width: Math.min(640, (parent ? parent.width : 700) - 2 * Theme.largeSpacing)
     height: (parent ? parent.height : 700) - 2 * Theme.largeSpacing
     modal: true
+    // Nothing may be changed, nor the sheet left, while everything is being erased.
+    closePolicy: AppModel.isErasing ? Popup.NoAutoClose : Popup.CloseOnEscape | Popup.CloseOnPressOutside
     title: "Settings"
     standardButtons: Dialog.Close
 
@@ -62,6 +64,7 @@ Dialog {
     ScrollView {
         id: scroll
         anchors.fill: parent
+        enabled: !AppModel.isErasing
         contentWidth: availableWidth
 
         ColumnLayout {
@@ -195,9 +198,24 @@ Dialog {
         title: "Erase all Corvane data?"
         text: "This permanently deletes all chats, folders, scripts, prompts, settings, and downloaded models from this computer. You will need to download models again."
         acceptText: "Erase"
-        onAccepted: {
-            if (AppModel.eraseAllData())
-                sheet.close()
+        onAccepted: AppModel.eraseAllData()
+    }
+
+    Binding {
+        target: sheet.footer
+        property: "enabled"
+        value: !AppModel.isErasing
+    }
+
+    Connections {
+        target: AppModel
+        function onErasingFinished(erased) {
+            if (!erased)
+                return
+            // The fields still hold what was erased; closing must not store it again.
+            agentName.text = AppModel.globalAgentName
+            globalPrompt.text = AppModel.globalPrompt
+            sheet.close()
         }
     }
 }
