@@ -34,6 +34,8 @@ void AppModel::deleteChat(qint64 id)
         return;
     if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::chat, id}); }))
         return;
+    // A summary being written may be for what is going; the next reply starts it again.
+    cancelCompaction();
     // The reload drops the selection of a chat that is no longer shown.
     reload();
     startPurge();
@@ -45,6 +47,7 @@ void AppModel::deleteFolder(qint64 id)
         return;
     if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::folder, id}); }))
         return;
+    cancelCompaction();
     reload();
     // There is always at least one folder to put chats in.
     if (nodes().isEmpty()
