@@ -5,6 +5,9 @@
 #include "storage/database.h"
 
 #include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
 
 #include <sqlite3.h>
 
@@ -38,6 +41,28 @@ inline QString value(sqlite3 *db, const QString &sql)
 {
     return rows(db, sql).value(0);
 }
+
+/// A new database file for each test function, all in one temporary folder.
+class FreshDatabase
+{
+public:
+    /// Closes the file before and opens the next one.
+    Database &open()
+    {
+        m_db.reset();
+        m_path = m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count));
+        m_db = std::make_unique<Database>(m_path);
+        return *m_db;
+    }
+    void close() { m_db.reset(); }
+    const QString &path() const { return m_path; }
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<Database> m_db;
+    QString m_path;
+    int m_count = 0;
+};
 
 /// Every schema entry and every row of every table, the search index's own tables included.
 inline QStringList dump(sqlite3 *db)

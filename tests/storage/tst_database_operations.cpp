@@ -4,12 +4,10 @@
 #include "vault/fingerprint.h"
 
 #include <QFile>
-#include <QTemporaryDir>
 #include "support/database_rows.h"
 
 #include <QTest>
 
-#include <memory>
 
 using namespace SqlProbe;
 
@@ -18,15 +16,14 @@ class TestDatabaseOperations : public QObject
     Q_OBJECT
 
 private:
-    QTemporaryDir m_dir;
-    std::unique_ptr<Database> m_db;
-    int m_count = 0;
+    FreshDatabase m_file;
+    Database *m_db = nullptr;
 
     QStringList query(const QString &sql) const { return rows(m_db->handle(), sql); }
 
 private Q_SLOTS:
-    void init() { m_db = std::make_unique<Database>(m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count))); }
-    void cleanup() { m_db.reset(); }
+    void init() { m_db = &m_file.open(); }
+    void cleanup() { m_file.close(); }
 
     void settings()
     {
@@ -130,7 +127,7 @@ private Q_SLOTS:
         for (int i = 0; i < 300; ++i)
             addMessage(*m_db, m_db->addChat(m_db->addNode(1, "folder", "Work"), "c"), QString("zanzibar%1 words").arg(i));
         m_db->setSetting("theme", "dark");
-        const QString file = m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(m_count));
+        const QString file = m_file.path();
 
         // Through a second connection, as the application erases from a worker thread while
         // its own connection waits.

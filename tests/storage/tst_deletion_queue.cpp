@@ -5,10 +5,8 @@
 #include "storage/database_error.h"
 #include "storage/deletion_queue.h"
 
-#include <QTemporaryDir>
 #include <QTest>
 
-#include <memory>
 
 using namespace SqlProbe;
 using Entry = DeletionQueue::Entry;
@@ -21,15 +19,14 @@ class TestDeletionQueue : public QObject
     Q_OBJECT
 
 private:
-    QTemporaryDir m_dir;
-    std::unique_ptr<Database> m_db;
-    int m_count = 0;
+    FreshDatabase m_file;
+    Database *m_db = nullptr;
 
     QStringList query(const QString &sql) const { return rows(m_db->handle(), sql); }
 
 private Q_SLOTS:
-    void init() { m_db = std::make_unique<Database>(m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count))); }
-    void cleanup() { m_db.reset(); }
+    void init() { m_db = &m_file.open(); }
+    void cleanup() { m_file.close(); }
 
     void storedListsReadBack_data()
     {

@@ -6,10 +6,8 @@
 #include "vault/sealed_box.h"
 #include "vault/vault_error.h"
 
-#include <QTemporaryDir>
 #include <QTest>
 
-#include <memory>
 
 using namespace SqlProbe;
 
@@ -18,25 +16,24 @@ class TestSealedValues : public QObject
     Q_OBJECT
 
 private:
-    QTemporaryDir m_dir;
-    std::unique_ptr<Database> m_db;
+    FreshDatabase m_file;
+    Database *m_db = nullptr;
     qint64 m_locked = 0; // a locked folder
     qint64 m_inner = 0; // a folder inside it
-    int m_count = 0;
 
     QStringList query(const QString &sql) const { return rows(m_db->handle(), sql); }
 
 private Q_SLOTS:
     void init()
     {
-        m_db = std::make_unique<Database>(m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count)));
+        m_db = &m_file.open();
         m_db->setVaultKey(VaultKey::random());
         m_locked = m_db->addNode(std::nullopt, "folder", "Diary");
         m_db->execute("UPDATE nodes SET locked=1, sealed=1 WHERE id=?", {DBValue::integer(m_locked)});
         m_inner = m_db->addNode(m_locked, "folder", "Dreams");
     }
 
-    void cleanup() { m_db.reset(); }
+    void cleanup() { m_file.close(); }
 
     void sealedColumnsAreStoredEncrypted()
     {
