@@ -52,9 +52,9 @@ Result measure(const QString &database, const std::function<std::pair<qint64, qs
     ticker.start();
     remove(model, id);
     const double hiddenMs = double(total.nsecsElapsed()) / 1e6;
-    if (model.isPurging() || model.isErasing()) {
+    if (model.tree()->isPurging() || model.isErasing()) {
         QEventLoop loop;
-        QObject::connect(&model, &AppModel::purgeFinished, &loop, &QEventLoop::quit);
+        QObject::connect(model.tree(), &ChatTree::purgeFinished, &loop, &QEventLoop::quit);
         QObject::connect(&model, &AppModel::erasingFinished, &loop, &QEventLoop::quit);
         loop.exec();
     }
@@ -80,22 +80,22 @@ int main(int argc, char *argv[])
     const Result chat = measure(
         database,
         [](AppModel &model) {
-            const qint64 id = model.chats().first().id;
+            const qint64 id = model.tree()->chats().first().id;
             return std::pair(id, model.database().messageIDs(id).size());
         },
-        [](AppModel &model, qint64 id) { model.deleteChat(id); });
+        [](AppModel &model, qint64 id) { model.tree()->deleteChat(id); });
     std::printf("| a chat of %lld messages | %.0f | %.0f | %lld |\n", static_cast<long long>(chat.messages),
                 chat.hiddenMs, chat.totalMs, static_cast<long long>(chat.longestGapMs));
     const Result folder = measure(
         database,
         [](AppModel &model) {
             qsizetype count = 0;
-            for (const Chat &chat : model.chats())
+            for (const Chat &chat : model.tree()->chats())
                 if (chat.nodeID == 100)
                     count += model.database().messageIDs(chat.id).size();
             return std::pair(qint64(100), count);
         },
-        [](AppModel &model, qint64 id) { model.deleteFolder(id); });
+        [](AppModel &model, qint64 id) { model.tree()->deleteFolder(id); });
     std::printf("| the folder of 100 chats, %lld messages | %.0f | %.0f | %lld |\n",
                 static_cast<long long>(folder.messages), folder.hiddenMs, folder.totalMs,
                 static_cast<long long>(folder.longestGapMs));

@@ -7,6 +7,7 @@
 // Usage: bench_replies [model.gguf]   (default: the test model that `make test` generates)
 #include "bench_support.h"
 #include "app/app_model.h"
+#include "app/compactor.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
 #include "support/test_chat_model.h"
@@ -45,13 +46,13 @@ int main(int argc, char *argv[])
 
     AppModel appModel(QList<ModelSpec>{spec});
     // A short reply limit keeps the server's own generation out of the way.
-    appModel.setMaxResponseTokens(300);
-    appModel.addChat();
-    const qint64 chat = *appModel.selectedChatID();
+    appModel.settings()->setMaxResponseTokens(300);
+    appModel.tree()->addChat(ChatTree::none);
+    const qint64 chat = appModel.tree()->selectedChatID();
     Database &db = appModel.database();
     addConversation(db, chat, 1000,
                     QStringLiteral("Message %1 is about the garden, the river and what to cook for dinner tonight."));
-    appModel.selectChat(chat);
+    appModel.tree()->selectChat(chat);
 
     InferenceEngine &engine = appModel.inference();
     QElapsedTimer clock;
@@ -63,7 +64,7 @@ int main(int argc, char *argv[])
         }
     });
     QObject::connect(&engine, &InferenceEngine::streamFinished, &app, [&] { streamEndAt = clock.nsecsElapsed(); });
-    QObject::connect(&appModel, &AppModel::messagesChanged, &app, [&] {
+    QObject::connect(appModel.chat(), &ChatSession::messagesChanged, &app, [&] {
         if (streamEndAt && !storedAt)
             storedAt = clock.nsecsElapsed();
     });
@@ -82,24 +83,24 @@ int main(int argc, char *argv[])
         sinceTurn.start();
         ticker.start();
         countsAtSend = engine.tokenCountNanoseconds();
-        appModel.setComposer(QStringLiteral("What should I cook tonight?"));
+        appModel.chat()->setComposer(QStringLiteral("What should I cook tonight?"));
         sentAt = clock.nsecsElapsed();
-        appModel.send();
+        appModel.chat()->send();
         QEventLoop loop;
         QObject::connect(&appModel, &AppModel::activityChanged, &loop, [&] {
-            if (!appModel.isGenerating())
+            if (!appModel.chat()->isGenerating())
                 loop.quit();
         });
         loop.exec();
         ticker.stop();
         // The compaction that follows a reply would shorten the chat; each run starts from
         // the whole history again.
-        while (appModel.isCompacting())
+        while (appModel.chat()->compactor().isRunning())
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         db.setChatSummary(QString(), 0, chat);
-        appModel.reload();
-        if (appModel.statusIsError()) {
-            std::fprintf(stderr, "bench_replies: %s\n", qPrintable(appModel.status()));
+        appModel.tree()->reload();
+        if (appModel.status()->isError()) {
+            std::fprintf(stderr, "bench_replies: %s\n", qPrintable(appModel.status()->text()));
             return 1;
         }
         if (run == 0)

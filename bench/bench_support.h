@@ -38,11 +38,13 @@ inline std::optional<QString> benchmarkModel(int argc, char *argv[], const char 
 inline void addConversation(Database &db, qint64 chatID, int count, const QString &body)
 {
     db.execute(QStringLiteral("BEGIN"));
-    for (int i = 0; i < count; ++i)
-        db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, "
-                                  "hidden, data) VALUES(?,?,?,'2026-11-20T10:00:00Z','','','',0,'')"),
-                   {DBValue::integer(chatID),
-                    DBValue::text(i % 2 ? QStringLiteral("assistant") : QStringLiteral("user")),
-                    DBValue::text(body.arg(i))});
+    Message message;
+    message.chatID = chatID;
+    message.createdAt = QStringLiteral("2026-11-20T10:00:00Z");
+    for (int i = 0; i < count; ++i) {
+        message.role = i % 2 ? QStringLiteral("assistant") : QStringLiteral("user");
+        message.body = body.arg(i);
+        db.addMessage(message);
+    }
     db.execute(QStringLiteral("COMMIT"));
 }

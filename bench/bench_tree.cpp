@@ -59,17 +59,17 @@ int main(int argc, char *argv[])
     }
 
     AppModel model;
-    std::printf("Loaded %lld folders and %lld chats\n", static_cast<long long>(model.nodes().size()),
-                static_cast<long long>(model.chats().size()));
+    std::printf("Loaded %lld folders and %lld chats\n", static_cast<long long>(model.tree()->nodes().size()),
+                static_cast<long long>(model.tree()->chats().size()));
     QList<double> reloads, prompts, totals;
     qsizetype length = 0;
     for (int run = 0; run < runs; ++run) {
         QElapsedTimer timer;
         timer.start();
-        model.reload();
+        model.tree()->reload();
         const double reloaded = timer.nsecsElapsed() / 1e6;
-        for (const Chat &chat : model.chats())
-            length += model.effectivePrompt(chat).size();
+        for (const Chat &chat : model.tree()->chats())
+            length += model.tree()->effectivePrompt(chat).size();
         const double total = timer.nsecsElapsed() / 1e6;
         reloads << reloaded;
         prompts << total - reloaded;

@@ -6,7 +6,7 @@
 // Quick's software renderer, as on a machine without a GPU.
 #include "bench_support.h"
 #include "app/app_model.h"
-#include "app_model_singleton.h"
+#include "qml_types.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
 
@@ -66,13 +66,13 @@ int main(int argc, char *argv[])
     spec.byteCount = 5;
     spec.role = ModelSpec::Role::Chat;
     AppModel appModel(QList<ModelSpec>{spec});
-    appModel.addChat();
-    const qint64 chat = *appModel.selectedChatID();
+    appModel.tree()->addChat(ChatTree::none);
+    const qint64 chat = appModel.tree()->selectedChatID();
     Database &db = appModel.database();
     addConversation(db, chat, 10000,
                     QStringLiteral("Message %1 with **some bold words**, a list:\n\n- one\n- two\n\n"
                                    "and `a little code`."));
-    appModel.selectChat(chat);
+    appModel.tree()->selectChat(chat);
 
     AppModelSingleton::instance = &appModel;
     QQmlApplicationEngine engine;
@@ -98,8 +98,8 @@ int main(int argc, char *argv[])
         lastSwap = now;
     }, Qt::DirectConnection);
     QObject::connect(&appModel.inference(), &InferenceEngine::streamFinished, window, [&] { streaming = false; });
-    QObject::connect(&appModel, &AppModel::statusChanged, window, [&] {
-        if (appModel.status() == QStringLiteral("Generating…"))
+    QObject::connect(appModel.status(), &StatusBanner::changed, window, [&] {
+        if (appModel.status()->text() == QStringLiteral("Generating…"))
             streaming = true;
     });
     qint64 longestGap = 0;
@@ -116,17 +116,17 @@ int main(int argc, char *argv[])
     QTimer::singleShot(1000, window, [&] {
         sinceTurn.start();
         ticker.start();
-        appModel.setComposer(QStringLiteral("Write me something long."));
-        appModel.send();
+        appModel.chat()->setComposer(QStringLiteral("Write me something long."));
+        appModel.chat()->send();
     });
     QEventLoop loop;
     QObject::connect(&appModel, &AppModel::activityChanged, &loop, [&] {
-        if (!appModel.isGenerating())
+        if (!appModel.chat()->isGenerating())
             loop.quit();
     });
     loop.exec();
-    if (appModel.statusIsError()) {
-        std::fprintf(stderr, "bench_window_streaming: %s\n", qPrintable(appModel.status()));
+    if (appModel.status()->isError()) {
+        std::fprintf(stderr, "bench_window_streaming: %s\n", qPrintable(appModel.status()->text()));
         return 1;
     }
     std::printf("| Streaming %d pieces at 100 a second into 10,000 messages | ms |\n|---|---:|\n", pieces);
@@ -137,6 +137,6 @@ int main(int argc, char *argv[])
     std::printf("| time between frames: median | %.1f |\n", percentile(intervals, 0.5));
     std::printf("| time between frames: 95th percentile | %.1f |\n", percentile(intervals, 0.95));
     std::printf("| longest main-thread gap while streaming | %lld |\n", static_cast<long long>(longestGap));
-    std::printf("| stored messages in the chat afterwards | %lld |\n", static_cast<long long>(appModel.messages().size()));
+    std::printf("| stored messages in the chat afterwards | %lld |\n", static_cast<long long>(appModel.chat()->messages().size()));
     return 0;
 }

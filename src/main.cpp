@@ -1,5 +1,5 @@
 #include "app/app_model.h"
-#include "app_model_singleton.h"
+#include "qml_types.h"
 #include "platform/error.h"
 #include "platform/termination_signals.h"
 #include "window_capture.h"

@@ -2,10 +2,12 @@
 #include "app/app_model.h"
 
 #include "app/app_paths.h"
-#include "app/settings_rules.h"
+#include "app/compactor.h"
 #include "inference/inference_engine.h"
 #include "platform/worker_thread.h"
 #include "storage/database.h"
+
+#include <QPointer>
 
 void AppModel::eraseAllData()
 {
@@ -20,21 +22,19 @@ QCoro::Task<bool> AppModel::eraseAll()
     if (isBusy())
         co_return false;
     const QPointer<AppModel> alive(this);
-    m_isErasing = true;
-    Q_EMIT activityChanged();
-    setStatus(QStringLiteral("Erasing all Corvane data…"), false);
+    setErasing(true);
+    m_status->show(QStringLiteral("Erasing all Corvane data…"));
 
     // Background work stops first: compaction and the removal of deleted folders are
-    // cancelled, the inference server shut down and speech silenced, so that nothing writes
-    // while files and rows go.
-    cancelCompaction();
-    cancelPurge();
+    // cancelled and the inference server shut down, so that nothing writes while files and
+    // rows go.
+    m_chat->compactor().cancel();
+    m_tree->cancelPurge();
     m_inference->shutdown();
 
     bool erased = true;
     try {
-        // Files: models, then the script library (which gets its example script back), then
-        // the images with their cache. The first failure stops here; what is gone stays gone.
+        // Files: models, then images. The first failure stops here; what is gone stays gone.
         AppPaths::removeContents(m_modelsDirectory);
         AppPaths::removeContents(m_imagesDirectory);
 
@@ -47,56 +47,27 @@ QCoro::Task<bool> AppModel::eraseAll()
             Database::eraseFile(path);
             return true;
         });
-        throwIfGone(alive);
     } catch (const std::exception &error) {
         if (!alive)
             co_return false;
-        showError(error);
+        m_status->showError(error);
         erased = false;
     }
-    m_isErasing = false;
-    Q_EMIT activityChanged();
-    if (erased)
-        resetAfterErase();
-    else
+    if (!alive)
+        co_return false;
+    setErasing(false);
+    if (!erased) {
         // Whatever is still queued for removal goes on being removed.
-        startPurge();
-    co_return erased;
-}
-
-void AppModel::resetAfterErase()
-{
-    m_deletions.clear();
-    // The model starts over. Unlike a first start, no model or voice is selected: none is
-    // installed any more.
-    m_vault.reset();
-    m_unlockedFolderIDs.clear();
-    m_lockSheet.reset();
-    Q_EMIT lockSheetChanged();
-    m_selectedChatID.reset();
-    m_selectedNodeID.reset();
-    m_messages.clear();
-    m_pendingImage.reset();
-    setComposer(QString());
-    m_liveDisplay.clear();
-    setLiveReply(QString());
-    m_globalPrompt = Settings::defaultGlobalPrompt;
-    m_globalAgentName = Settings::defaultAgentName;
-    m_temperature = Settings::defaultTemperature;
-    m_maxResponseTokens = Settings::defaultMaxResponseTokens;
-    m_contextTokens = Settings::defaultContextTokens;
-    m_selectedModelID.clear();
-    m_selectedWhisperModelID.clear();
-    m_selectedVoiceID.clear();
-    Q_EMIT installedModelsChanged();
-    Q_EMIT settingsChanged();
-    Q_EMIT messagesChanged();
-    Q_EMIT selectionChanged();
-
-    reload();
-    if (!nodes().isEmpty()) {
-        m_selectedNodeID = nodes().first().id;
-        Q_EMIT selectionChanged();
+        m_tree->startPurge();
+        co_return false;
     }
-    setStatus(QStringLiteral("All Corvane data erased"), false);
+    // Everything starts over. Unlike a first start, no model is chosen: none is installed
+    // any more.
+    m_locks->resetAfterErase();
+    m_chat->resetAfterErase();
+    m_settings->resetAfterErase();
+    m_models->reloadInstalled();
+    m_tree->resetAfterErase();
+    m_status->show(QStringLiteral("All Corvane data erased"));
+    co_return true;
 }

@@ -1,12 +1,11 @@
 #include "app/app_model.h"
 
 #include "app/app_paths.h"
-#include "app/settings_rules.h"
+#include "app/compactor.h"
 #include "inference/inference_engine.h"
+#include "models/model_catalogue.h"
 #include "models/model_store.h"
 #include "storage/database.h"
-
-#include <QTimer>
 
 AppModel::AppModel(QObject *parent)
     : AppModel(ModelCatalogue::entries(), parent)
@@ -15,95 +14,76 @@ AppModel::AppModel(QObject *parent)
 
 AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     : QObject(parent)
-    // 1. Every field takes its default.
-    , m_globalPrompt(Settings::defaultGlobalPrompt)
-    , m_globalAgentName(Settings::defaultAgentName)
-    , m_temperature(Settings::defaultTemperature)
-    , m_maxResponseTokens(Settings::defaultMaxResponseTokens)
-    , m_contextTokens(Settings::defaultContextTokens)
-    , m_selectedModelID(Settings::defaultModelID)
-    , m_selectedWhisperModelID(Settings::defaultWhisperModelID)
 {
-    for (auto signal : {&AppModel::statusChanged, &AppModel::activityChanged,
-                        &AppModel::installedModelsChanged, &AppModel::settingsChanged})
-        connect(this, signal, this, &AppModel::readinessChanged);
-    for (auto signal : {&AppModel::selectionChanged, &AppModel::treeChanged, &AppModel::settingsChanged})
-        connect(this, signal, this, &AppModel::currentChatChanged);
-    for (auto signal : {&AppModel::composerChanged, &AppModel::activityChanged, &AppModel::selectionChanged})
-        connect(this, signal, this, &AppModel::canSendChanged);
-    m_liveReplyTimer = new QTimer(this);
-    m_liveReplyTimer->setSingleShot(true);
-    m_liveReplyTimer->setInterval(30);
-    connect(m_liveReplyTimer, &QTimer::timeout, this, &AppModel::liveReplyChanged);
-
-    // 2. The inference and speech engines, before anything can fail. The speech engine joins
-    //    here with spoken replies.
+    // 1. The engines, before anything can fail.
     m_inference = std::make_unique<InferenceEngine>();
 
-    // 3. The database; a failure ends start-up.
+    // 2. The database; a failure ends start-up.
     m_supportDirectory = AppPaths::supportDirectory();
     m_database = std::make_unique<Database>(m_supportDirectory + QStringLiteral("/chats.sqlite"));
 
-    // 4. The stores and their folders: models, the script library, images.
+    // 3. The stores and their folders.
     m_modelsDirectory = AppPaths::directory(QStringLiteral("Models"));
     m_modelStore = std::make_unique<ModelStore>(m_modelsDirectory, std::move(catalogue));
     m_imagesDirectory = AppPaths::directory(QStringLiteral("Images"));
 
-    // 5. Stored settings, each checked against its accepted values.
-    readSettings();
-    normalizeModelSelections();
+    // 4. The stored settings, each checked against what it accepts, then the vault record.
+    //    The server is never restarted under a running reply.
+    m_status = std::make_unique<StatusBanner>();
+    m_settings = std::make_unique<AppSettings>(*m_database, *m_modelStore, *m_status,
+                                               [this] { return m_chat->isGenerating(); });
+    m_models = std::make_unique<ModelsController>(*m_modelStore, *m_settings, *m_status);
+    m_models->normalizeSelections();
+    m_locks = std::make_unique<FolderLocks>(*m_database);
 
-    // 6. The tree and the first chat that is not sealed; script timers and auto-lock start
-    //    once those subsystems are connected.
-    //    Folders and chats deleted in an earlier run whose rows are not all gone stay hidden
-    //    and their removal goes on.
-    m_deletions.load(*m_database);
-    reload();
-    selectFirstOpenChat();
-    startPurge();
+    // 5. The tree, with folders and chats deleted in an earlier run hidden until their rows
+    //    are gone; nothing is deleted under a running reply.
+    m_tree = std::make_unique<ChatTree>(*m_database, *m_settings, *m_locks, *m_status,
+                                        [this] { return m_chat->isGenerating(); });
+    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status);
+
+    // The rules between areas.
+    connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {
+        // The next reply starts the server with the new context size.
+        m_inference->shutdown();
+    });
+    connect(m_tree.get(), &ChatTree::deletionQueued, this, [this] {
+        // A summary being written may be for what is going; the next reply starts it again.
+        m_chat->compactor().cancel();
+    });
+    connect(m_chat.get(), &ChatSession::isGeneratingChanged, this, &AppModel::activityChanged);
+    connect(m_models.get(), &ModelsController::busyChanged, this, &AppModel::activityChanged);
+    connect(this, &AppModel::activityChanged, this, &AppModel::readinessChanged);
+    connect(m_status.get(), &StatusBanner::changed, this, &AppModel::readinessChanged);
+    connect(m_models.get(), &ModelsController::installedChanged, this, &AppModel::readinessChanged);
+    connect(m_settings.get(), &AppSettings::changed, this, &AppModel::readinessChanged);
+
+    // 6. The first chat that is not sealed, and the removal of what an earlier run deleted.
+    m_tree->selectFirstOpenChat();
+    m_tree->startPurge();
 }
 
-AppModel::~AppModel()
-{
-    // Running tasks see their cancellation and stop at their next await.
-    stopReply();
-    cancelCompaction();
-    cancelPurge();
-}
+// Running tasks see their cancellation and stop at their next await; the areas go before the
+// services they use.
+AppModel::~AppModel() = default;
 
 bool AppModel::isBusy() const
 {
-    return m_isGenerating || m_isRecording || m_isTranscribing || m_busyModelID.has_value() || m_isErasing;
+    return m_chat->isGenerating() || m_models->isBusy() || m_isErasing;
 }
 
 Readiness::Value AppModel::readiness() const
 {
     return Readiness::of({
-        .statusIsError = m_statusIsError,
+        .statusIsError = m_status->isError(),
         .isBusy = isBusy(),
-        .hasLanguageModel = languageModel().has_value(),
-        .modelsMissing = !missingModels().isEmpty(),
+        .hasLanguageModel = m_models->languageModel().has_value(),
+        .modelsMissing = !m_models->missingModels().isEmpty(),
     });
 }
 
-void AppModel::setStatus(const QString &text, bool isError)
+void AppModel::setErasing(bool erasing)
 {
-    if (m_status == text && m_statusIsError == isError)
-        return;
-    m_status = text;
-    m_statusIsError = isError;
-    Q_EMIT statusChanged();
-}
-
-void AppModel::showError(const CorvaneError &error)
-{
-    setStatus(error.description(), true);
-}
-
-void AppModel::showError(const std::exception &error)
-{
-    if (const auto *known = dynamic_cast<const CorvaneError *>(&error))
-        showError(*known);
-    else
-        setStatus(QString::fromUtf8(error.what()), true);
+    m_isErasing = erasing;
+    Q_EMIT activityChanged();
 }

@@ -1,15 +1,41 @@
-// Reading the stored settings at start and the setters of the settings screen.
-#include "app/app_model.h"
+#include "app/app_settings.h"
 
 #include "app/settings_rules.h"
-#include "inference/inference_engine.h"
+#include "app/status_banner.h"
+#include "models/model_store.h"
 #include "storage/database.h"
-#include "vault/vault_record.h"
 
-void AppModel::readSettings()
+namespace {
+
+bool hasID(const QList<ModelSpec> &specs, const QString &id)
+{
+    return std::ranges::any_of(specs, [&](const ModelSpec &spec) { return spec.id == id; });
+}
+
+} // namespace
+
+AppSettings::AppSettings(Database &database, const ModelStore &models, StatusBanner &status,
+                         std::function<bool()> contextLocked, QObject *parent)
+    : QObject(parent)
+    , m_database(database)
+    , m_models(models)
+    , m_status(status)
+    , m_contextLocked(std::move(contextLocked))
+    , m_globalPrompt(Settings::defaultGlobalPrompt)
+    , m_globalAgentName(Settings::defaultAgentName)
+    , m_temperature(Settings::defaultTemperature)
+    , m_maxResponseTokens(Settings::defaultMaxResponseTokens)
+    , m_contextTokens(Settings::defaultContextTokens)
+    , m_selectedModelID(Settings::defaultModelID)
+    , m_selectedWhisperModelID(Settings::defaultWhisperModelID)
+{
+    readStored();
+}
+
+void AppSettings::readStored()
 {
     // A stored value that fails its check leaves the default and is not rewritten.
-    const auto stored = [this](const QString &key) { return m_database->setting(key); };
+    const auto stored = [this](const QString &key) { return m_database.setting(key); };
     if (const auto text = stored(Settings::globalPromptKey))
         m_globalPrompt = Settings::acceptedGlobalPrompt(*text).value_or(m_globalPrompt);
     if (const auto text = stored(Settings::agentNameKey))
@@ -24,90 +50,81 @@ void AppModel::readSettings()
         m_selectedModelID = *text;
     if (const auto text = stored(Settings::whisperModelIDKey))
         m_selectedWhisperModelID = *text;
-    if (const auto text = stored(Settings::voiceIDKey))
-        m_selectedVoiceID = *text; // also handed to the speech engine as its voice
-    // The vault record last: one that does not decode leaves no vault, silently, as if no
-    // folder had ever been locked.
-    if (const auto text = stored(Settings::vaultKey))
-        m_vault = VaultRecord::fromJson(text->toUtf8());
 }
 
-void AppModel::storeSetting(const QString &key, const QString &value)
+void AppSettings::store(const QString &key, const QString &value)
 {
-    try {
-        m_database->setSetting(key, value);
-    } catch (const std::exception &error) {
-        // The new value stays in memory for this run.
-        showError(error);
-    }
+    // On failure the new value stays in memory for this run.
+    m_status.attempt([&] { m_database.setSetting(key, value); });
 }
 
-void AppModel::setGlobalPrompt(const QString &text)
+void AppSettings::setGlobalPrompt(const QString &text)
 {
     m_globalPrompt = text;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::globalPromptKey, text);
+    Q_EMIT changed();
+    store(Settings::globalPromptKey, text);
 }
 
-void AppModel::setGlobalAgentName(const QString &text)
+void AppSettings::setGlobalAgentName(const QString &text)
 {
     m_globalAgentName = text;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::agentNameKey, text);
+    Q_EMIT changed();
+    store(Settings::agentNameKey, text);
 }
 
-void AppModel::setTemperature(double value)
+void AppSettings::setTemperature(double value)
 {
     m_temperature = Settings::clampedTemperature(value);
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::temperatureKey, Settings::decimalText(m_temperature));
+    Q_EMIT changed();
+    store(Settings::temperatureKey, Settings::decimalText(m_temperature));
 }
 
-void AppModel::setMaxResponseTokens(int n)
+void AppSettings::setMaxResponseTokens(int n)
 {
     if (!Settings::isMaxResponseTokenChoice(n))
         return;
     m_maxResponseTokens = n;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::maxResponseTokensKey, QString::number(n));
+    Q_EMIT changed();
+    store(Settings::maxResponseTokensKey, QString::number(n));
 }
 
-void AppModel::setContextTokens(int n)
+void AppSettings::setContextTokens(int n)
 {
     // Never restart the server under a running request, and never for nothing.
-    if (!Settings::isContextTokenChoice(n) || m_isGenerating || n == m_contextTokens)
+    if (!Settings::isContextTokenChoice(n) || m_contextLocked() || n == m_contextTokens)
         return;
     m_contextTokens = n;
-    Q_EMIT settingsChanged();
-    // The next reply starts the server with the new context size.
-    m_inference->shutdown();
-    storeSetting(Settings::contextTokensKey, QString::number(n));
+    Q_EMIT changed();
+    Q_EMIT contextTokensChanged();
+    store(Settings::contextTokensKey, QString::number(n));
 }
 
-void AppModel::selectModel(const QString &id)
+void AppSettings::selectModel(const QString &id)
 {
-    if (!installedChatModelIDs().contains(id))
+    if (!hasID(m_models.installedChatModels(), id))
         return;
     m_selectedModelID = id;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::modelIDKey, id);
+    Q_EMIT changed();
+    store(Settings::modelIDKey, id);
 }
 
-void AppModel::selectWhisperModel(const QString &id)
+void AppSettings::selectWhisperModel(const QString &id)
 {
-    if (!installedTranscriptionModelIDs().contains(id))
+    if (!hasID(m_models.installedTranscriptionModels(), id))
         return;
     m_selectedWhisperModelID = id;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::whisperModelIDKey, id);
+    Q_EMIT changed();
+    store(Settings::whisperModelIDKey, id);
 }
 
-void AppModel::selectVoice(const QString &id)
+void AppSettings::resetAfterErase()
 {
-    // The empty id is the system's default voice and always acceptable.
-    if (!id.isEmpty() && !availableVoiceIDs().contains(id))
-        return;
-    m_selectedVoiceID = id;
-    Q_EMIT settingsChanged();
-    storeSetting(Settings::voiceIDKey, id);
+    m_globalPrompt = Settings::defaultGlobalPrompt;
+    m_globalAgentName = Settings::defaultAgentName;
+    m_temperature = Settings::defaultTemperature;
+    m_maxResponseTokens = Settings::defaultMaxResponseTokens;
+    m_contextTokens = Settings::defaultContextTokens;
+    m_selectedModelID.clear();
+    m_selectedWhisperModelID.clear();
+    Q_EMIT changed();
 }

@@ -4,6 +4,8 @@
 #include "storage/statement.h"
 #include "vault/fingerprint.h"
 
+#include <QDateTime>
+
 #include <sqlite3.h>
 
 void Database::execute(const QString &sql, const QList<DBValue> &args)
@@ -196,6 +198,20 @@ qint64 Database::addChat(qint64 nodeID, const QString &title)
     execute(QStringLiteral("INSERT INTO chats(node_id, title, sealed) VALUES(?,?,?)"),
             {DBValue::integer(nodeID), DBValue::text(seal(title, sealed)), DBValue::flag(sealed)});
     return sqlite3_last_insert_rowid(handle());
+}
+
+qint64 Database::addMessage(const Message &message, const QString &metadata)
+{
+    const bool sealed = isChatSealed(message.chatID);
+    const QString createdAt = message.createdAt.isEmpty()
+                                  ? QDateTime::currentDateTimeUtc().toString(Qt::ISODate)
+                                  : message.createdAt;
+    execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) VALUES(?,?,?,?,?,?,?,?,?)"),
+            {DBValue::integer(message.chatID), DBValue::text(message.role), DBValue::text(seal(message.body, sealed)),
+             DBValue::text(createdAt), DBValue::text(seal(metadata, sealed)), DBValue::text(seal(message.image, sealed)),
+             DBValue::text(seal(message.display, sealed)), DBValue::flag(message.hidden),
+             DBValue::text(seal(message.data, sealed))});
+    return lastInsertedID();
 }
 
 void Database::renameNode(qint64 nodeID, const QString &name)

@@ -98,6 +98,10 @@ public:
     qint64 addNode(std::optional<qint64> parentID, const QString &kind, const QString &name);
     /// Adds a chat to a folder; it inherits the folder's sealed state. Returns the new id.
     qint64 addChat(qint64 nodeID, const QString &title);
+    /// Stores a message with `metadata`, its texts sealed when its chat is sealed, and
+    /// returns its id. An empty `createdAt` stands for now; `id` and `imageDescription` are
+    /// not written.
+    qint64 addMessage(const Message &message, const QString &metadata = {});
     void renameNode(qint64 nodeID, const QString &name);
     void setNodePrompt(qint64 nodeID, const QString &prompt);
     void setNodeAgentName(qint64 nodeID, const QString &agentName);

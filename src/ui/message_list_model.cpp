@@ -1,13 +1,11 @@
 #include "message_list_model.h"
 
-#include "app/app_model.h"
-
 MessageListModel::MessageListModel(QObject *parent)
     : QAbstractListModel(parent)
 {
 }
 
-void MessageListModel::setSource(AppModel *source)
+void MessageListModel::setSource(ChatSession *source)
 {
     if (m_source == source)
         return;
@@ -15,9 +13,9 @@ void MessageListModel::setSource(AppModel *source)
         disconnect(m_source, nullptr, this, nullptr);
     m_source = source;
     if (m_source) {
-        connect(m_source, &AppModel::messagesChanged, this, &MessageListModel::refresh);
+        connect(m_source, &ChatSession::messagesChanged, this, &MessageListModel::refresh);
         // The summary and its extent arrive with the chat's fields.
-        connect(m_source, &AppModel::currentChatChanged, this, &MessageListModel::updateMarker);
+        connect(m_source, &ChatSession::currentChatChanged, this, &MessageListModel::updateMarker);
     }
     refresh();
     Q_EMIT sourceChanged();
@@ -25,7 +23,7 @@ void MessageListModel::setSource(AppModel *source)
 
 int MessageListModel::markerRow() const
 {
-    const auto chat = m_source ? m_source->selectedChat() : std::nullopt;
+    const auto chat = m_source ? m_source->currentChat() : std::nullopt;
     if (!chat || chat->summary.isEmpty())
         return -1;
     const auto first = std::ranges::find_if(m_messages, [&](const Message &m) { return m.id > chat->summaryThroughID; });
@@ -35,7 +33,8 @@ int MessageListModel::markerRow() const
 void MessageListModel::refresh()
 {
     QList<Message> messages = m_source ? m_source->visibleMessages() : QList<Message>();
-    const qint64 chatID = m_source ? m_source->currentChatID() : -1;
+    const auto chat = m_source ? m_source->currentChat() : std::nullopt;
+    const qint64 chatID = chat ? chat->id : -1;
     const qsizetype old = m_messages.size();
     const bool appended = chatID == m_chatID && messages.size() >= old
                           && std::equal(m_messages.cbegin(), m_messages.cend(), messages.cbegin());

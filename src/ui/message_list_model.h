@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/app_model.h"
+#include "app/chat_session.h"
 #include "storage/records.h"
 
 #include <QAbstractListModel>
@@ -14,7 +14,7 @@ class MessageListModel : public QAbstractListModel
 {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(AppModel *source READ source WRITE setSource NOTIFY sourceChanged)
+    Q_PROPERTY(ChatSession *source READ source WRITE setSource NOTIFY sourceChanged)
 
 public:
     enum Role {
@@ -31,8 +31,8 @@ public:
 
     explicit MessageListModel(QObject *parent = nullptr);
 
-    AppModel *source() const { return m_source; }
-    void setSource(AppModel *source);
+    ChatSession *source() const { return m_source; }
+    void setSource(ChatSession *source);
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
@@ -46,7 +46,7 @@ private:
     void updateMarker();
     int markerRow() const;
 
-    QPointer<AppModel> m_source;
+    QPointer<ChatSession> m_source;
     QList<Message> m_messages;
     qint64 m_chatID = -1;
     int m_markerRow = -1;

@@ -1,7 +1,5 @@
 #include "sidebar_model.h"
 
-#include "app/app_model.h"
-
 #include <QHash>
 
 SidebarModel::SidebarModel(QObject *parent)
@@ -9,7 +7,7 @@ SidebarModel::SidebarModel(QObject *parent)
 {
 }
 
-void SidebarModel::setSource(AppModel *source)
+void SidebarModel::setSource(ChatTree *source)
 {
     if (m_source == source)
         return;
@@ -17,8 +15,8 @@ void SidebarModel::setSource(AppModel *source)
         disconnect(m_source, nullptr, this, nullptr);
     m_source = source;
     if (m_source) {
-        connect(m_source, &AppModel::treeChanged, this, &SidebarModel::rebuild);
-        connect(m_source, &AppModel::selectionChanged, this, &SidebarModel::updateSelection);
+        connect(m_source, &ChatTree::treeChanged, this, &SidebarModel::rebuild);
+        connect(m_source, &ChatTree::selectionChanged, this, &SidebarModel::updateSelection);
     }
     rebuild();
     Q_EMIT sourceChanged();
@@ -58,10 +56,7 @@ QList<SidebarModel::Row> SidebarModel::buildRows() const
         row.depth = depth;
         row.isLocked = node.isLocked;
         row.isSealed = node.isSealed;
-        if (node.isSealed) {
-            const auto locked = m_source->lockedFolder(node);
-            row.lockedAway = !locked || !m_source->unlockedFolderIDs().contains(locked->id);
-        }
+        row.lockedAway = m_source->isLockedAway(node);
         row.hasChildren = !row.lockedAway && m_source->folderHasContents(node.id);
         rows.append(row);
         if (row.lockedAway || m_collapsed.contains(node.id))
@@ -88,8 +83,8 @@ void SidebarModel::rebuild()
 {
     beginResetModel();
     m_rows = buildRows();
-    m_selectedChat = m_source ? m_source->currentChatID() : -1;
-    m_selectedFolder = m_source ? m_source->currentFolderID() : -1;
+    m_selectedChat = m_source ? m_source->selectedChatID() : -1;
+    m_selectedFolder = m_source ? m_source->selectedNodeID() : -1;
     endResetModel();
 }
 
@@ -104,8 +99,8 @@ void SidebarModel::updateSelection()
         return;
     const qint64 oldChat = m_selectedChat;
     const qint64 oldFolder = m_selectedFolder;
-    m_selectedChat = m_source->currentChatID();
-    m_selectedFolder = m_source->currentFolderID();
+    m_selectedChat = m_source->selectedChatID();
+    m_selectedFolder = m_source->selectedNodeID();
     const QList<int> roles{IsSelectedRole};
     for (int i = 0; i < m_rows.size(); ++i) {
         const Row &row = m_rows[i];

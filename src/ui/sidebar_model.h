@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/app_model.h"
+#include "app/chat_tree.h"
 
 #include <QAbstractListModel>
 #include <QPointer>
@@ -15,7 +15,7 @@ class SidebarModel : public QAbstractListModel
 {
     Q_OBJECT
     QML_ELEMENT
-    Q_PROPERTY(AppModel *source READ source WRITE setSource NOTIFY sourceChanged)
+    Q_PROPERTY(ChatTree *source READ source WRITE setSource NOTIFY sourceChanged)
 
 public:
     enum Role {
@@ -34,8 +34,8 @@ public:
 
     explicit SidebarModel(QObject *parent = nullptr);
 
-    AppModel *source() const { return m_source; }
-    void setSource(AppModel *source);
+    ChatTree *source() const { return m_source; }
+    void setSource(ChatTree *source);
 
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
@@ -68,7 +68,7 @@ private:
     void updateSelection();
     bool isSelected(const Row &row) const;
 
-    QPointer<AppModel> m_source;
+    QPointer<ChatTree> m_source;
     QList<Row> m_rows;
     QSet<qint64> m_collapsed;
     qint64 m_selectedChat = -1;

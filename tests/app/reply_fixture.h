@@ -40,8 +40,8 @@ public:
                              if (path == QLatin1String("/v1/chat/completions"))
                                  completions.append(QJsonDocument::fromJson(body).object());
                          });
-        QObject::connect(model.get(), &AppModel::statusChanged, model.get(),
-                         [this] { statuses.append(model->status()); });
+        QObject::connect(model->status(), &StatusBanner::changed, model.get(),
+                         [this] { statuses.append(model->status()->text()); });
         m_ticker.setInterval(5);
         QObject::connect(&m_ticker, &QTimer::timeout, [this] {
             longestGapMs = std::max(longestGapMs, m_sinceTick.restart());
@@ -49,12 +49,15 @@ public:
     }
 
     Database &db() { return model->database(); }
+    ChatSession &session() { return *model->chat(); }
+    ChatTree &tree() { return *model->tree(); }
+    QString status() const { return model->status()->text(); }
 
     /// A new chat in the first folder, selected.
     qint64 newChat()
     {
-        model->addChat();
-        return *model->selectedChatID();
+        tree().addChat(ChatTree::none);
+        return tree().selectedChatID();
     }
 
     /// A stored message, as the application writes one, with an attached image name and
@@ -62,25 +65,28 @@ public:
     qint64 addRow(qint64 chatID, const QString &role, const QString &body, const QString &image = {},
                   const QString &description = {})
     {
-        db().execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, "
-                                    "image_description, display, hidden, data) VALUES(?,?,?,?,?,?,?,?,0,?)"),
-                     {DBValue::integer(chatID), DBValue::text(role), DBValue::text(body),
-                      DBValue::text(QStringLiteral("2026-11-20T10:00:00Z")), DBValue::text(QString()),
-                      DBValue::text(image), DBValue::text(description), DBValue::text(QString()),
-                      DBValue::text(QString())});
-        return db().lastInsertedID();
+        Message message;
+        message.chatID = chatID;
+        message.role = role;
+        message.body = body;
+        message.image = image;
+        const qint64 id = db().addMessage(message);
+        if (!description.isEmpty())
+            db().execute(QStringLiteral("UPDATE messages SET image_description=? WHERE id=?"),
+                         {DBValue::text(description), DBValue::integer(id)});
+        return id;
     }
 
     /// Types `text`, sends it and starts watching the event loop.
     void send(const QString &text)
     {
-        model->setComposer(text);
+        session().setComposer(text);
         m_sinceTick.start();
         m_ticker.start();
-        model->send();
+        session().send();
     }
 
-    bool idle() const { return !model->isGenerating(); }
+    bool idle() const { return !model->chat()->isGenerating(); }
     void stopWatching() { m_ticker.stop(); }
 
     /// The "messages" array of the last streamed request.

@@ -59,13 +59,6 @@ private Q_SLOTS:
         QCOMPARE(AppPaths::supportDirectory(), path);
     }
 
-    void directoryIsCreatedInsideTheSupportDirectory()
-    {
-        const QString models = AppPaths::directory(QStringLiteral("Models"));
-        QCOMPARE(models, m_root.filePath(QStringLiteral("xdg/Corvane/Models")));
-        QVERIFY(QFileInfo(models).isDir());
-    }
-
     void aFileInTheWayIsAnError()
     {
         touch(m_root.filePath(QStringLiteral("blocker")));
@@ -104,12 +97,6 @@ private Q_SLOTS:
         QCOMPARE(QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
                  QStringList());
         QVERIFY(QFile::exists(outside + QStringLiteral("/keep")));
-    }
-
-    void removeContentsOfAMissingFolderFails()
-    {
-        QVERIFY_THROWS_EXCEPTION(AppPathsError,
-                                 AppPaths::removeContents(m_root.filePath(QStringLiteral("nowhere"))));
     }
 
 private:

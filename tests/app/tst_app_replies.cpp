@@ -40,27 +40,27 @@ private Q_SLOTS:
     {
         ReplyFixture f;
         const qint64 chat = f.newChat();
-        QSignalSpy liveUpdates(f.model.get(), &AppModel::liveReplyChanged);
+        QSignalSpy liveUpdates(&f.session(), &ChatSession::liveReplyChanged);
         f.send(QStringLiteral("  Hello there  \n"));
 
         // The user's message is stored and shown before the model is even loaded.
-        QVERIFY(f.model->isGenerating());
-        QCOMPARE(f.model->composer(), QString());
-        QCOMPARE(rolesOf(f.model->messages()), QStringList{"user"});
-        QCOMPARE(f.model->messages().first().body, QStringLiteral("Hello there"));
-        QCOMPARE(f.model->status(), QStringLiteral("Loading local model…"));
+        QVERIFY(f.session().isGenerating());
+        QCOMPARE(f.session().composer(), QString());
+        QCOMPARE(rolesOf(f.session().messages()), QStringList{"user"});
+        QCOMPARE(f.session().messages().first().body, QStringLiteral("Hello there"));
+        QCOMPARE(f.status(), QStringLiteral("Loading local model…"));
 
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
         f.stopWatching();
         qInfo("longest main-thread gap during the reply: %lld ms", f.longestGapMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
-        QVERIFY(!f.model->statusIsError());
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
+        QVERIFY(!f.model->status()->isError());
         QVERIFY(liveUpdates.count() > 0);
-        QCOMPARE(f.model->liveReply(), QString());
+        QCOMPARE(f.session().liveReply(), QString());
 
         const QList<Message> stored = f.db().messages(chat);
         QCOMPARE(rolesOf(stored), (QStringList{"user", "assistant"}));
-        QCOMPARE(stored, f.model->messages());
+        QCOMPARE(stored, f.session().messages());
         QVERIFY(stored[0].id < stored[1].id);
         QVERIFY(!stored[1].body.isEmpty());
         QCOMPARE(stored[1].body, stored[1].body.trimmed());
@@ -69,7 +69,7 @@ private Q_SLOTS:
         // The metadata records what the model was sent.
         const QJsonArray sent = f.lastRequestMessages();
         QCOMPARE(sent.first()[QStringLiteral("role")].toString(), QStringLiteral("system"));
-        const QVariantMap metadata = f.model->messageMetadata(stored[1].id);
+        const QVariantMap metadata = f.session().messageMetadata(stored[1].id);
         QCOMPARE(metadata.value("model").toString(), ReplyFixture::modelID);
         QCOMPARE(metadata.value("prompt").toString(), sent.first()[QStringLiteral("content")].toString());
         QCOMPARE(metadata.value("temperature").toDouble(), 0.7);
@@ -117,10 +117,10 @@ private Q_SLOTS:
             const QStringList fields = row.split(QLatin1Char('|'));
             f.addRow(chat, fields[0], fields[1], fields[2], fields[3]);
         }
-        f.model->selectChat(chat);
+        f.tree().selectChat(chat);
         f.send(QStringLiteral("next"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
 
         const QJsonArray sent = f.lastRequestMessages();
         const QString prompt = sent.first()[QStringLiteral("content")].toString();
@@ -141,10 +141,10 @@ private Q_SLOTS:
             "  onReply: (context, text) => ({ display: `shown ${text.length}`, data: { seen: true } }),\n"
             "};\n");
         f.db().setChatFields({{QStringLiteral("cartridge_source"), source}}, {}, chat);
-        f.model->reload();
+        f.tree().reload();
         f.send(QStringLiteral("Ahoy"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
         QVERIFY(f.statuses.contains(QStringLiteral("Running script…")));
 
         const QJsonObject request = f.completions.last();
@@ -160,29 +160,29 @@ private Q_SLOTS:
         QCOMPARE(reply.data, QStringLiteral("{\"seen\":true}"));
         QCOMPARE(f.db().cartridgeState(source, chat), QStringLiteral("{\"turns\":1}"));
         // The script's settings were for that reply only.
-        QCOMPARE(f.model->temperature(), 0.7);
-        QCOMPARE(f.model->maxResponseTokens(), 1024);
+        QCOMPARE(f.model->settings()->temperature(), 0.7);
+        QCOMPARE(f.model->settings()->maxResponseTokens(), 1024);
     }
 
     void stopEndsTheReplyAndKeepsTheServer()
     {
         ReplyFixture f;
         const qint64 chat = f.newChat();
-        f.model->setMaxResponseTokens(2048);
+        f.model->settings()->setMaxResponseTokens(2048);
         f.send(QStringLiteral("Tell me a long story"));
-        QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
-        f.model->stopReply();
+        QTRY_VERIFY_WITH_TIMEOUT(!f.session().liveReply().isEmpty(), s_replyTimeoutMs);
+        f.session().stopReply();
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 5000);
-        QCOMPARE(f.model->status(), QStringLiteral("Stopped"));
-        QVERIFY(!f.model->statusIsError());
-        QCOMPARE(f.model->liveReply(), QString());
+        QCOMPARE(f.status(), QStringLiteral("Stopped"));
+        QVERIFY(!f.model->status()->isError());
+        QCOMPARE(f.session().liveReply(), QString());
         QCOMPARE(rolesOf(f.db().messages(chat)), QStringList{"user"});
 
         // The next message is answered by the same server.
         const qint64 server = f.model->inference().serverProcessID();
         f.send(QStringLiteral("Shorter, please"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
         QCOMPARE(f.model->inference().serverProcessID(), server);
         QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
     }
@@ -191,20 +191,20 @@ private Q_SLOTS:
     {
         ReplyFixture f;
         const qint64 chat = f.newChat();
-        f.model->setMaxResponseTokens(2048);
+        f.model->settings()->setMaxResponseTokens(2048);
         f.send(QStringLiteral("Keep talking"));
-        QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
+        QTRY_VERIFY_WITH_TIMEOUT(!f.session().liveReply().isEmpty(), s_replyTimeoutMs);
         ::kill(static_cast<pid_t>(f.model->inference().serverProcessID()), SIGKILL);
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
-        QVERIFY(f.model->statusIsError());
-        QVERIFY(!f.model->status().isEmpty());
+        QVERIFY(f.model->status()->isError());
+        QVERIFY(!f.status().isEmpty());
         QCOMPARE(rolesOf(f.db().messages(chat)), QStringList{"user"});
-        QCOMPARE(rolesOf(f.model->messages()), QStringList{"user"});
+        QCOMPARE(rolesOf(f.session().messages()), QStringList{"user"});
 
         // The next reply starts a new server.
         f.send(QStringLiteral("Are you back?"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
         QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
     }
 
@@ -220,10 +220,10 @@ private Q_SLOTS:
         QFETCH(bool, streaming);
         ReplyFixture f;
         f.newChat();
-        f.model->setMaxResponseTokens(2048);
+        f.model->settings()->setMaxResponseTokens(2048);
         f.send(QStringLiteral("Keep going"));
         if (streaming)
-            QTRY_VERIFY_WITH_TIMEOUT(!f.model->liveReply().isEmpty(), s_replyTimeoutMs);
+            QTRY_VERIFY_WITH_TIMEOUT(!f.session().liveReply().isEmpty(), s_replyTimeoutMs);
         const qint64 server = f.model->inference().serverProcessID();
         f.model.reset();
         // Whatever was still waiting wakes up to nothing and the server is gone.
@@ -237,21 +237,21 @@ private Q_SLOTS:
         ReplyFixture f;
         const qint64 chat = f.newChat();
         f.send(QStringLiteral(" \n\t "));
-        QVERIFY(!f.model->isGenerating());
-        QVERIFY(!f.model->canSend());
+        QVERIFY(!f.session().isGenerating());
+        QVERIFY(!f.session().canSend());
         QVERIFY(f.db().messages(chat).isEmpty());
 
-        f.model->remove(ReplyFixture::modelID);
+        f.model->models()->remove(ReplyFixture::modelID);
         f.send(QStringLiteral("Hello?"));
-        QCOMPARE(f.model->status(), QStringLiteral("Install a chat model in Settings first"));
-        QVERIFY(f.model->statusIsError());
+        QCOMPARE(f.status(), QStringLiteral("Install a chat model in Settings first"));
+        QVERIFY(f.model->status()->isError());
         QVERIFY(f.db().messages(chat).isEmpty());
     }
 
     void longChatIsCompacted()
     {
         ReplyFixture f;
-        f.model->setContextTokens(4096);
+        f.model->settings()->setContextTokens(4096);
         const qint64 chat = f.newChat();
         // About 3,500 tokens of older conversation: past the 2,280 that start a compaction at
         // 4,096 context tokens with replies of up to 1,024.
@@ -262,10 +262,10 @@ private Q_SLOTS:
                                            "a path that winds toward the mill. Swallows nest under the bridge "
                                            "every spring, and the miller counts them.")
                                 .arg(i));
-        f.model->selectChat(chat);
+        f.tree().selectChat(chat);
         f.send(QStringLiteral("What did we talk about?"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
         QTRY_VERIFY_WITH_TIMEOUT(!f.db().chatSummary(chat).first.isEmpty(), s_replyTimeoutMs);
 
         const auto [summary, through] = f.db().chatSummary(chat);

@@ -26,11 +26,11 @@ private Q_SLOTS:
         const qint64 chat = f.newChat();
         f.send(QStringLiteral("Say something"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
-        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
-        QVERIFY(!f.model->statusIsError());
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
+        QVERIFY(!f.model->status()->isError());
 
         const QList<Message> messages = f.db().messages(chat);
-        QCOMPARE(f.model->messages(), messages);
+        QCOMPARE(f.session().messages(), messages);
         QCOMPARE(messages.first().body, QStringLiteral("Say something"));
         if (stored.isEmpty()) {
             QCOMPARE(messages.size(), 1);

@@ -37,9 +37,17 @@ private:
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<AppModel> m_model;
 
+    ChatTree *m_tree = nullptr;
+
     Database &db() { return m_model->database(); }
-    qint64 inbox() const { return m_model->nodes().first().id; }
-    Chat chatRecord(qint64 id) const { return *std::ranges::find(m_model->chats(), id, &Chat::id); }
+    qint64 inbox() const { return m_tree->nodes().first().id; }
+    Chat chatRecord(qint64 id) const { return *m_tree->chat(id); }
+    /// A new chat in `folderID`, selected.
+    qint64 newChat(qint64 folderID)
+    {
+        m_tree->addChat(folderID);
+        return m_tree->selectedChatID();
+    }
     /// Turns the event loop until the first slice of the archive's messages is gone.
     void turnUntilTheRemovalStarts()
     {
@@ -54,7 +62,7 @@ private:
     QList<qint64> chatsIn(qint64 nodeID) const
     {
         QList<qint64> ids;
-        for (const Chat &chat : m_model->chats())
+        for (const Chat &chat : m_tree->chats())
             if (chat.nodeID == nodeID)
                 ids.append(chat.id);
         return ids;
@@ -63,17 +71,17 @@ private:
     /// A folder "Archive" of 5 chats with 600 messages each, all with a word found nowhere else.
     qint64 addArchive()
     {
-        const auto big = m_model->addFolder(std::nullopt);
-        m_model->renameNode(big->id, QStringLiteral("Archive"));
+        const qint64 big = m_tree->addFolder(ChatTree::none);
+        m_tree->renameNode(big, QStringLiteral("Archive"));
         db().execute(QStringLiteral("BEGIN"));
         for (int c = 0; c < 5; ++c) {
-            const qint64 chat = db().addChat(big->id, QStringLiteral("Old %1").arg(c));
+            const qint64 chat = db().addChat(big, QStringLiteral("Old %1").arg(c));
             for (int m = 0; m < 600; ++m)
                 addMessage(db(), chat, QStringLiteral("zanzibar%1 archived words").arg(m));
         }
         db().execute(QStringLiteral("COMMIT"));
-        m_model->reload();
-        return big->id;
+        m_tree->reload();
+        return big;
     }
 
 private Q_SLOTS:
@@ -82,6 +90,7 @@ private Q_SLOTS:
         m_dir = std::make_unique<QTemporaryDir>();
         qputenv("CORVANE_DATA_DIR", m_dir->path().toUtf8());
         m_model = std::make_unique<AppModel>();
+        m_tree = m_model->tree();
     }
 
     void cleanup()
@@ -106,9 +115,6 @@ private Q_SLOTS:
         QTest::newRow("folder name trimmed")
             << "Corvane" << "G" << QStringList{"  Ada  ", ""} << QStringList{"", ""} << QStringList{"", ""} << ""
             << "Your name is Ada.\n\nG";
-        QTest::newRow("nearer folder's name wins")
-            << "Corvane" << "G" << QStringList{"Ada", ""} << QStringList{"Bea", ""} << QStringList{"", ""} << ""
-            << "Your name is Bea.\n\nG";
         QTest::newRow("blank folder name is no name")
             << "Corvane" << "G" << QStringList{"Ada", ""} << QStringList{" \n ", ""} << QStringList{"", ""} << ""
             << "Your name is Ada.\n\nG";
@@ -121,9 +127,6 @@ private Q_SLOTS:
         QTest::newRow("blank global name falls back to Corvane")
             << "   " << "G" << QStringList{"", ""} << QStringList{"", ""} << QStringList{"", ""} << ""
             << "Your name is Corvane.\n\nG";
-        QTest::newRow("global name trimmed")
-            << " Cleo\n" << "G" << QStringList{"", ""} << QStringList{"", ""} << QStringList{"", ""} << ""
-            << "Your name is Cleo.\n\nG";
         QTest::newRow("blank parts dropped, the rest kept untrimmed")
             << "Corvane" << " \n" << QStringList{"", "  P1\n"} << QStringList{"", "\t"} << QStringList{" P2", ""} << ""
             << "Your name is Corvane.\n\n  P1\n\n\n P2";
@@ -139,36 +142,36 @@ private Q_SLOTS:
         QFETCH(QString, runtimeName);
         QFETCH(QString, expected);
 
-        m_model->setGlobalAgentName(globalName);
-        m_model->setGlobalPrompt(globalPrompt);
-        const auto outer = m_model->addFolder(std::nullopt);
-        const auto inner = m_model->addFolder(outer->id);
-        m_model->setNodeAgentName(outer->id, outerFolder[0]);
-        m_model->setNodePrompt(outer->id, outerFolder[1]);
-        m_model->setNodeAgentName(inner->id, innerFolder[0]);
-        m_model->setNodePrompt(inner->id, innerFolder[1]);
-        m_model->addChat(inner->id);
-        const qint64 chatID = *m_model->selectedChatID();
-        m_model->setChatPrompt(chatID, chat[0]);
+        m_model->settings()->setGlobalAgentName(globalName);
+        m_model->settings()->setGlobalPrompt(globalPrompt);
+        const qint64 outer = m_tree->addFolder(ChatTree::none);
+        const qint64 inner = m_tree->addFolder(outer);
+        m_tree->setNodeAgentName(outer, outerFolder[0]);
+        m_tree->setNodePrompt(outer, outerFolder[1]);
+        m_tree->setNodeAgentName(inner, innerFolder[0]);
+        m_tree->setNodePrompt(inner, innerFolder[1]);
+        const qint64 chatID = newChat(inner);
+        m_tree->setChatPrompt(chatID, chat[0]);
         db().setChatFields({{QStringLiteral("cartridge_agent_name"), chat[1]}}, {}, chatID);
-        m_model->reload();
+        m_tree->reload();
         if (!runtimeName.isEmpty())
-            m_model->cartridgeAgentNames().insert(chatID, runtimeName);
+            m_tree->cartridgeAgentNames().insert(chatID, runtimeName);
 
-        QCOMPARE(m_model->effectivePrompt(chatRecord(chatID)), expected);
-        QVERIFY(!m_model->statusIsError());
+        QCOMPARE(m_tree->effectivePrompt(chatRecord(chatID)), expected);
+        QVERIFY(!m_model->status()->isError());
     }
 
     void scriptContextNamesTheInheritedAssistant()
     {
-        const auto folder = m_model->addFolder(std::nullopt);
-        m_model->setNodeAgentName(folder->id, QStringLiteral(" Ada "));
-        m_model->addChat(folder->id);
-        const qint64 chatID = *m_model->selectedChatID();
+        const qint64 folder = m_tree->addFolder(ChatTree::none);
+        m_tree->setNodeAgentName(folder, QStringLiteral(" Ada "));
+        const qint64 chatID = newChat(folder);
         db().setChatFields({{QStringLiteral("cartridge_agent_name"), QStringLiteral("Bot")}}, {}, chatID);
         addMessage(db(), chatID, QStringLiteral("hello"));
-        m_model->reload(true);
-        const QJsonObject context = m_model->cartridgeContext(chatRecord(chatID), m_model->messages()).toJson();
+        m_tree->reload();
+        m_model->chat()->loadMessages();
+        ChatSession &session = *m_model->chat();
+        const QJsonObject context = session.cartridgeContext(chatRecord(chatID), session.messages()).toJson();
         // A script sees the name it would inherit, not one a script set earlier.
         QCOMPARE(context.value("agent").toObject().value("name").toString(), QStringLiteral("Ada"));
         QCOMPARE(context.value("chat").toObject().value("title").toString(), QStringLiteral("New chat"));
@@ -178,124 +181,96 @@ private Q_SLOTS:
 
     void parentCyclesEndTheWalks()
     {
-        const auto a = m_model->addFolder(std::nullopt);
-        const auto b = m_model->addFolder(a->id);
-        m_model->setNodePrompt(a->id, QStringLiteral("A"));
-        m_model->setNodePrompt(b->id, QStringLiteral("B"));
-        db().execute(QStringLiteral("UPDATE nodes SET parent_id=? WHERE id=?"),
-                     {DBValue::integer(b->id), DBValue::integer(a->id)});
-        m_model->addChat(b->id);
-        m_model->reload();
-        const Chat c = chatRecord(*m_model->selectedChatID());
+        const qint64 a = m_tree->addFolder(ChatTree::none);
+        const qint64 b = m_tree->addFolder(a);
+        m_tree->setNodePrompt(a, QStringLiteral("A"));
+        m_tree->setNodePrompt(b, QStringLiteral("B"));
+        db().execute(QStringLiteral("UPDATE nodes SET parent_id=? WHERE id=?"), {DBValue::integer(b), DBValue::integer(a)});
+        const qint64 chatID = newChat(b);
+        m_tree->reload();
 
         // Each folder once, from the one found first going up down to the chat's own.
-        QCOMPARE(m_model->effectivePrompt(c),
+        QCOMPARE(m_tree->effectivePrompt(chatRecord(chatID)),
                  QStringLiteral("Your name is Corvane.\n\nYou are a thoughtful, concise companion.\n\nA\n\nB"));
-        QCOMPARE(m_model->effectiveAgentName(m_model->selectedNode()), QStringLiteral("Corvane"));
-        QVERIFY(!m_model->cartridgeFolder(b->id));
-        QVERIFY(!m_model->lockedFolder(*m_model->selectedNode()));
-        QCOMPARE(m_model->subtreeIDs(a->id), (QSet<qint64>{a->id, b->id}));
+        QCOMPARE(m_tree->effectiveAgentName(m_tree->selectedNode()), QStringLiteral("Corvane"));
+        QVERIFY(!m_tree->cartridgeFolder(b));
+        QVERIFY(!m_tree->lockedFolder(*m_tree->selectedNode()));
+        QCOMPARE(m_tree->subtreeIDs(a), (QSet<qint64>{a, b}));
     }
 
     void subtreeAndScriptFolder()
     {
-        const auto a = m_model->addFolder(std::nullopt);
-        const auto b = m_model->addFolder(a->id);
-        const auto c = m_model->addFolder(b->id);
-        const auto sibling = m_model->addFolder(a->id);
-        QCOMPARE(m_model->subtreeIDs(a->id), (QSet<qint64>{a->id, b->id, c->id, sibling->id}));
-        QCOMPARE(m_model->subtreeIDs(c->id), QSet<qint64>{c->id});
+        const qint64 a = m_tree->addFolder(ChatTree::none);
+        const qint64 b = m_tree->addFolder(a);
+        const qint64 c = m_tree->addFolder(b);
+        const qint64 sibling = m_tree->addFolder(a);
+        QCOMPARE(m_tree->subtreeIDs(a), (QSet<qint64>{a, b, c, sibling}));
+        QCOMPARE(m_tree->subtreeIDs(c), QSet<qint64>{c});
 
         db().execute(QStringLiteral("UPDATE nodes SET cartridge_source=? WHERE id=?"),
-                     {DBValue::text("module.exports = {}"), DBValue::integer(a->id)});
-        m_model->addChat(c->id);
-        QCOMPARE(m_model->cartridgeFolder(c->id)->id, a->id);
-        QCOMPARE(m_model->selectedChat()->cartridgeFolderID, std::optional<qint64>(a->id));
-        QVERIFY(!m_model->cartridgeFolder(std::nullopt));
-        QVERIFY(m_model->folderHasContents(a->id));
-        QVERIFY(m_model->folderHasContents(c->id)); // holds a chat
-        QVERIFY(!m_model->folderHasContents(sibling->id));
+                     {DBValue::text("module.exports = {}"), DBValue::integer(a)});
+        newChat(c);
+        QCOMPARE(m_tree->cartridgeFolder(c)->id, a);
+        QCOMPARE(m_tree->selectedChat()->cartridgeFolderID, std::optional<qint64>(a));
+        QCOMPARE(m_tree->cartridgeSource(*m_tree->selectedChat()), QStringLiteral("module.exports = {}"));
+        QVERIFY(m_tree->folderHasContents(a));
+        QVERIFY(m_tree->folderHasContents(c)); // holds a chat
+        QVERIFY(!m_tree->folderHasContents(sibling));
     }
 
     void addChatWithoutAFolderUsesTheFirst()
     {
-        m_model->addFolder(std::nullopt);
-        QVERIFY(!m_model->selectedNodeID());
-        m_model->addChat();
-        QCOMPARE(m_model->selectedChat()->nodeID, inbox());
-        QCOMPARE(m_model->selectedChat()->title, QStringLiteral("New chat"));
-        QCOMPARE(m_model->selectedNodeID(), std::optional<qint64>(inbox()));
+        m_tree->addFolder(ChatTree::none);
+        QCOMPARE(m_tree->selectedNodeID(), ChatTree::none);
+        m_tree->addChat(ChatTree::none);
+        QCOMPARE(m_tree->selectedChat()->nodeID, inbox());
+        QCOMPARE(m_tree->selectedChat()->title, QStringLiteral("New chat"));
+        QCOMPARE(m_tree->selectedNodeID(), inbox());
     }
 
     void renamingTrimsAndIgnoresBlanks()
     {
-        m_model->addChat(inbox());
-        const qint64 chatID = *m_model->selectedChatID();
-        m_model->renameNode(inbox(), QStringLiteral("  Work \n"));
-        m_model->renameChat(chatID, QStringLiteral("\tPlans "));
-        m_model->renameNode(inbox(), QStringLiteral(" \n"));
-        m_model->renameChat(chatID, QString());
-        QCOMPARE(m_model->nodes().first().name, QStringLiteral("Work"));
+        const qint64 chatID = newChat(inbox());
+        m_tree->renameNode(inbox(), QStringLiteral("  Work \n"));
+        m_tree->renameChat(chatID, QStringLiteral("\tPlans "));
+        m_tree->renameNode(inbox(), QStringLiteral(" \n"));
+        m_tree->renameChat(chatID, QString());
+        QCOMPARE(m_tree->nodes().first().name, QStringLiteral("Work"));
         QCOMPARE(chatRecord(chatID).title, QStringLiteral("Plans"));
-    }
-
-    void deletingAFolderRemovesEverythingBelowIt()
-    {
-        const auto top = m_model->addFolder(std::nullopt);
-        const auto below = m_model->addFolder(top->id);
-        m_model->addChat(below->id);
-        const qint64 doomed = *m_model->selectedChatID();
-        addMessage(db(), doomed, QStringLiteral("secret plans"));
-        m_model->addChat(inbox());
-        const qint64 kept = *m_model->selectedChatID();
-        addMessage(db(), kept, QStringLiteral("kept words"));
-        m_model->selectChat(doomed);
-        QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 2);
-
-        m_model->deleteFolder(top->id);
-        QTRY_VERIFY(!m_model->isPurging());
-
-        QCOMPARE(m_model->nodes().size(), 1);
-        QCOMPARE(m_model->chats().size(), 1);
-        QCOMPARE(m_model->chats().first().id, kept);
-        QVERIFY(!m_model->selectedChatID());
-        QVERIFY(m_model->messages().isEmpty());
-        QCOMPARE(m_model->selectedNodeID(), std::optional<qint64>(inbox()));
-        QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 1);
-        QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 1);
-        QCOMPARE(count(db(), "SELECT count(*) FROM message_search WHERE message_search MATCH 'secret'"), 0);
     }
 
     void aDeletedFolderLeavesAtOnceAndItsRowsGoInTheBackground()
     {
         const qint64 big = addArchive();
-        m_model->addChat(inbox());
-        const qint64 kept = *m_model->selectedChatID();
+        const qint64 kept = newChat(inbox());
         addMessage(db(), kept, QStringLiteral("kept words"));
-        m_model->selectChat(chatsIn(big).first());
+        m_tree->selectChat(chatsIn(big).first());
+        QVERIFY(!m_model->chat()->messages().isEmpty());
 
-        m_model->deleteFolder(big);
+        m_tree->deleteFolder(big);
         // Gone from view before any row is removed, and nothing else waits for it.
         QCOMPARE(chatsIn(big), QList<qint64>());
-        QVERIFY(!m_model->selectedChatID());
-        QCOMPARE(m_model->nodes().size(), 1);
+        QCOMPARE(m_tree->selectedChatID(), ChatTree::none);
+        QVERIFY(m_model->chat()->messages().isEmpty());
+        QCOMPARE(m_tree->selectedNodeID(), inbox());
+        QCOMPARE(m_tree->nodes().size(), 1);
         QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 3001);
-        QVERIFY(m_model->isPurging());
+        QVERIFY(m_tree->isPurging());
         QVERIFY(!m_model->isBusy());
-        m_model->selectChat(kept);
-        m_model->setComposer(QStringLiteral("hello"));
-        QVERIFY(m_model->canSend());
+        m_tree->selectChat(kept);
+        m_model->chat()->setComposer(QStringLiteral("hello"));
+        QVERIFY(m_model->chat()->canSend());
         // A second deletion joins the first.
-        m_model->deleteChat(kept);
-        QVERIFY(m_model->chats().isEmpty());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isPurging(), 60000);
+        m_tree->deleteChat(kept);
+        QVERIFY(m_tree->chats().isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_tree->isPurging(), 60000);
 
         QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 0);
         QCOMPARE(count(db(), "SELECT count(*) FROM chats"), 0);
         QCOMPARE(count(db(), "SELECT count(*) FROM nodes"), 1);
         QCOMPARE(count(db(), "SELECT count(*) FROM message_search"), 0);
         QVERIFY(!db().setting(DeletionQueue::settingKey));
-        QCOMPARE(m_model->status(), QString());
+        QCOMPARE(m_model->status()->text(), QString());
         // No deleted word is left anywhere in the file, the search index's pages included.
         db().execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
         QFile file(m_dir->filePath(QStringLiteral("chats.sqlite")));
@@ -306,118 +281,109 @@ private Q_SLOTS:
     void aRemovalCutShortByQuittingGoesOnAtTheNextStart()
     {
         const qint64 big = addArchive();
-        m_model->deleteFolder(big);
+        m_tree->deleteFolder(big);
         turnUntilTheRemovalStarts();
         m_model.reset();
         // Tasks that wake after the model is gone end quietly.
         QTest::qWait(100);
 
         m_model = std::make_unique<AppModel>();
+        m_tree = m_model->tree();
         QCOMPARE(count(db(), "SELECT count(*) FROM nodes"), 2);
-        QCOMPARE(m_model->nodes().size(), 1);
-        QVERIFY(m_model->chats().isEmpty());
-        QVERIFY(m_model->isPurging());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isPurging(), 60000);
+        QCOMPARE(m_tree->nodes().size(), 1);
+        QVERIFY(m_tree->chats().isEmpty());
+        QVERIFY(m_tree->isPurging());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_tree->isPurging(), 60000);
         QCOMPARE(count(db(), "SELECT count(*) FROM messages"), 0);
         QCOMPARE(count(db(), "SELECT count(*) FROM nodes"), 1);
     }
 
     void erasingAllDataEndsARemoval()
     {
-        m_model->deleteFolder(addArchive());
+        m_tree->deleteFolder(addArchive());
         turnUntilTheRemovalStarts();
         QVERIFY(awaitTask(m_model->eraseAll()));
-        QVERIFY(!m_model->isPurging());
+        QVERIFY(!m_tree->isPurging());
         QTest::qWait(100);
         QCOMPARE(count(db(), "SELECT count(*) FROM settings"), 0);
-        QCOMPARE(m_model->nodes().size(), 1);
+        QCOMPARE(m_tree->nodes().size(), 1);
         QCOMPARE(count(db(), "SELECT count(*) FROM nodes"), 1);
     }
 
     void deletingTheOnlyFolderLeavesAnInbox()
     {
         const qint64 old = inbox();
-        m_model->addChat(old);
-        m_model->deleteFolder(old);
-        QCOMPARE(m_model->nodes().size(), 1);
-        QCOMPARE(m_model->nodes().first().name, QStringLiteral("Inbox"));
-        QVERIFY(!m_model->nodes().first().parentID);
-        QVERIFY(m_model->chats().isEmpty());
-        QCOMPARE(m_model->selectedNodeID(), std::optional<qint64>(inbox()));
-    }
-
-    void deletingTheSelectedChatClearsTheSelection()
-    {
-        m_model->addChat(inbox());
-        const qint64 id = *m_model->selectedChatID();
-        m_model->deleteChat(id);
-        QVERIFY(!m_model->selectedChatID());
-        QVERIFY(m_model->chats().isEmpty());
+        newChat(old);
+        m_tree->deleteFolder(old);
+        QCOMPARE(m_tree->nodes().size(), 1);
+        QCOMPARE(m_tree->nodes().first().name, QStringLiteral("Inbox"));
+        QVERIFY(!m_tree->nodes().first().parentID);
+        QVERIFY(m_tree->chats().isEmpty());
+        QCOMPARE(m_tree->selectedNodeID(), inbox());
     }
 
     void movingTheSelectedChat()
     {
-        const auto target = m_model->addFolder(std::nullopt);
-        m_model->addChat(inbox());
-        const qint64 id = *m_model->selectedChatID();
-        m_model->cartridgeAgentNames().insert(id, QStringLiteral("Live"));
-        m_model->moveSelectedChat(target->id);
-        QCOMPARE(chatRecord(id).nodeID, target->id);
-        QCOMPARE(m_model->selectedNodeID(), std::optional<qint64>(target->id));
-        QVERIFY(!m_model->cartridgeAgentNames().contains(id));
+        const qint64 target = m_tree->addFolder(ChatTree::none);
+        const qint64 id = newChat(inbox());
+        m_tree->cartridgeAgentNames().insert(id, QStringLiteral("Live"));
+        QSignalSpy moved(m_tree, &ChatTree::chatMoved);
+        m_tree->moveSelectedChat(target);
+        QCOMPARE(chatRecord(id).nodeID, target);
+        QCOMPARE(m_tree->selectedNodeID(), target);
+        QVERIFY(!m_tree->cartridgeAgentNames().contains(id));
+        QCOMPARE(moved.size(), 1);
     }
 
     void aFailingCommandKeepsTheTreeAndShowsTheError()
     {
-        m_model->addChat(inbox());
-        const QList<Node> nodesBefore = m_model->nodes();
-        const QList<Chat> chatsBefore = m_model->chats();
+        newChat(inbox());
+        const QList<Node> nodesBefore = m_tree->nodes();
+        const QList<Chat> chatsBefore = m_tree->chats();
         db().execute(QStringLiteral(
             "CREATE TRIGGER refuse BEFORE UPDATE ON nodes BEGIN SELECT RAISE(ABORT, 'read-only'); END"));
-        m_model->renameNode(inbox(), QStringLiteral("Elsewhere"));
-        m_model->setNodePrompt(inbox(), QStringLiteral("P"));
-        QCOMPARE(m_model->status(), QStringLiteral("read-only"));
-        QVERIFY(m_model->statusIsError());
-        QCOMPARE(m_model->nodes(), nodesBefore);
-        QCOMPARE(m_model->chats(), chatsBefore);
+        m_tree->renameNode(inbox(), QStringLiteral("Elsewhere"));
+        m_tree->setNodePrompt(inbox(), QStringLiteral("P"));
+        QCOMPARE(m_model->status()->text(), QStringLiteral("read-only"));
+        QVERIFY(m_model->status()->isError());
+        QCOMPARE(m_tree->nodes(), nodesBefore);
+        QCOMPARE(m_tree->chats(), chatsBefore);
     }
 
     void lockedFoldersKeepTheirChatsAway()
     {
-        const auto locked = m_model->addFolder(std::nullopt);
-        const auto inside = m_model->addFolder(locked->id);
-        m_model->addChat(inside->id);
-        const qint64 id = *m_model->selectedChatID();
-        m_model->addChat(inbox());
-        const qint64 plain = *m_model->selectedChatID();
+        const qint64 locked = m_tree->addFolder(ChatTree::none);
+        const qint64 inside = m_tree->addFolder(locked);
+        const qint64 id = newChat(inside);
+        const qint64 plain = newChat(inbox());
         // The flags as locking leaves them (empty texts need no encryption).
-        db().execute(QStringLiteral("UPDATE nodes SET locked=1, sealed=1 WHERE id=?"), {DBValue::integer(locked->id)});
-        db().execute(QStringLiteral("UPDATE nodes SET sealed=1 WHERE id=?"), {DBValue::integer(inside->id)});
+        db().execute(QStringLiteral("UPDATE nodes SET locked=1, sealed=1 WHERE id=?"), {DBValue::integer(locked)});
+        db().execute(QStringLiteral("UPDATE nodes SET sealed=1 WHERE id=?"), {DBValue::integer(inside)});
         db().execute(QStringLiteral("UPDATE chats SET sealed=1 WHERE id=?"), {DBValue::integer(id)});
-        m_model->reload();
+        m_tree->reload();
 
-        QVERIFY(m_model->isLockedAway(chatRecord(id)));
-        QVERIFY(!m_model->isLockedAway(chatRecord(plain)));
-        const Node insideNode = *std::ranges::find(m_model->nodes(), inside->id, &Node::id);
-        QCOMPARE(m_model->lockedFolder(insideNode)->id, locked->id);
-        QVERIFY(!m_model->lockedFolder(m_model->nodes().first()));
-        m_model->selectChat(id);
-        QCOMPARE(m_model->selectedChatID(), std::optional<qint64>(plain));
+        QVERIFY(m_tree->isLockedAway(chatRecord(id)));
+        QVERIFY(!m_tree->isLockedAway(chatRecord(plain)));
+        const Node insideNode = *std::ranges::find(m_tree->nodes(), inside, &Node::id);
+        QCOMPARE(m_tree->lockedFolder(insideNode)->id, locked);
+        QVERIFY(!m_tree->lockedFolder(m_tree->nodes().first()));
+        m_tree->selectChat(id);
+        QCOMPARE(m_tree->selectedChatID(), plain);
 
-        const qsizetype folders = m_model->nodes().size();
-        QVERIFY(!m_model->addFolder(inside->id));
-        m_model->addChat(inside->id);
-        QCOMPARE(m_model->nodes().size(), folders);
-        QCOMPARE(m_model->chats().size(), 2);
+        const qsizetype folders = m_tree->nodes().size();
+        QCOMPARE(m_tree->addFolder(inside), ChatTree::none);
+        m_tree->addChat(inside);
+        QCOMPARE(m_tree->nodes().size(), folders);
+        QCOMPARE(m_tree->chats().size(), 2);
         const LockSheet expected{.kind = LockSheet::Unlock,
-                                 .purpose = {.kind = UnlockPurpose::Open, .folderID = locked->id}};
-        QCOMPARE(m_model->lockSheet(), std::optional<LockSheet>(expected));
+                                 .purpose = {.kind = UnlockPurpose::Open, .folderID = locked}};
+        QCOMPARE(m_model->locks()->lockSheet(), std::optional<LockSheet>(expected));
 
         // A sealed chat whose folder is gone cannot be opened at all.
         db().execute(QStringLiteral("PRAGMA foreign_keys = OFF"));
-        db().execute(QStringLiteral("DELETE FROM nodes WHERE id=?"), {DBValue::integer(inside->id)});
-        m_model->reload();
-        QVERIFY(m_model->isLockedAway(chatRecord(id)));
+        db().execute(QStringLiteral("DELETE FROM nodes WHERE id=?"), {DBValue::integer(inside)});
+        m_tree->reload();
+        QVERIFY(m_tree->isLockedAway(chatRecord(id)));
     }
 };
 

@@ -4,7 +4,7 @@
 // Pictures are saved under build/test-output/.
 #include "app/app_model.h"
 #include "app/settings_rules.h"
-#include "app_model_singleton.h"
+#include "qml_types.h"
 #include "storage/database.h"
 #include "support/database_rows.h"
 #include "support/test_chat_model.h"
@@ -66,10 +66,12 @@ QQuickItem *findItem(QQuickWindow *window, const QString &objectName)
 
 qint64 addAssistantMessage(Database &db, qint64 chatID, const QString &body, const QString &metadata)
 {
-    db.execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) VALUES(?,?,?,?,?,'','',0,'')"),
-               {DBValue::integer(chatID), DBValue::text(QStringLiteral("assistant")), DBValue::text(body),
-                DBValue::text(QStringLiteral("2026-11-15T20:21:02Z")), DBValue::text(metadata)});
-    return db.lastInsertedID();
+    Message message;
+    message.chatID = chatID;
+    message.role = QStringLiteral("assistant");
+    message.body = body;
+    message.createdAt = QStringLiteral("2026-11-15T20:21:02Z");
+    return db.addMessage(message, metadata);
 }
 
 // QTest::keyClicks exists only for widgets.
@@ -144,18 +146,19 @@ private Q_SLOTS:
         QVERIFY2(QFileInfo::exists(s_testModel), qPrintable(s_testModel));
         const ModelSpec spec = linkTestChatModel(support);
         m_model = std::make_unique<AppModel>(QList<ModelSpec>{spec});
-        QVERIFY(m_model->hasChatModel());
+        QVERIFY(m_model->models()->hasChatModel());
 
         // A folder with a chat that holds a question and a Markdown answer.
-        const qint64 work = m_workFolder = m_model->newFolder(-1);
-        m_model->renameNode(work, QStringLiteral("Work"));
-        m_model->newChat(work);
-        m_markdownChat = m_model->currentChatID();
-        m_model->renameChat(m_markdownChat, QStringLiteral("Markdown answers"));
+        const qint64 work = m_workFolder = m_model->tree()->addFolder(-1);
+        m_model->tree()->renameNode(work, QStringLiteral("Work"));
+        m_model->tree()->addChat(work);
+        m_markdownChat = m_model->tree()->selectedChatID();
+        m_model->tree()->renameChat(m_markdownChat, QStringLiteral("Markdown answers"));
         m_question = addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
         addAssistantMessage(m_model->database(), m_markdownChat, s_markdownReply,
                             QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024})"));
-        m_model->reload(true);
+        m_model->tree()->reload();
+        m_model->chat()->loadMessages();
 
         AppModelSingleton::instance = m_model.get();
         m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
@@ -270,14 +273,14 @@ private Q_SLOTS:
         // Cancel keeps everything.
         QVERIFY(QMetaObject::invokeMethod(findObject(m_window, QStringLiteral("deleteDialogCancel")), "clicked"));
         QTRY_VERIFY(!dialog->property("visible").toBool());
-        QCOMPARE(m_model->chats().size(), 1);
+        QCOMPARE(m_model->tree()->chats().size(), 1);
     }
 
     void summaryMarker()
     {
         const QString summary = QStringLiteral("The user asked to see Markdown.");
         m_model->database().setChatSummary(summary, m_question, m_markdownChat);
-        m_model->reload();
+        m_model->tree()->reload();
         QQuickItem *marker = findItem(m_window, QStringLiteral("summaryMarker"));
         QVERIFY(marker);
         QTRY_VERIFY(marker->isVisible());
@@ -314,10 +317,10 @@ private Q_SLOTS:
         type(key == Qt::Key_Escape ? QStringLiteral("Other") : QStringLiteral("Renamed"));
         QTest::keyClick(m_window, Qt::Key(key));
         QTRY_COMPARE(sidebar->property("editingKey").toString(), QString());
-        QCOMPARE(chat ? m_model->chatDetails(id).value("title").toString() : m_model->folderDetails(id).value("name").toString(),
+        QCOMPARE(chat ? m_model->tree()->chatDetails(id).value("title").toString() : m_model->tree()->folderDetails(id).value("name").toString(),
                  expected);
         if (!chat)
-            m_model->renameNode(id, QStringLiteral("Work"));
+            m_model->tree()->renameNode(id, QStringLiteral("Work"));
     }
 
     void folderAndChatSettings()
@@ -336,9 +339,9 @@ private Q_SLOTS:
         savePicture(QStringLiteral("folder-settings.png"));
         QVERIFY(QMetaObject::invokeMethod(folderSheet, "accept"));
         QTRY_VERIFY(!folderSheet->property("visible").toBool());
-        QCOMPARE(m_model->folderDetails(m_workFolder).value("prompt").toString(), QStringLiteral("Be brief."));
-        QCOMPARE(m_model->folderDetails(m_workFolder).value("agentName").toString(), QStringLiteral("Ada"));
-        QCOMPARE(m_model->currentAgentName(), QStringLiteral("Ada"));
+        QCOMPARE(m_model->tree()->folderDetails(m_workFolder).value("prompt").toString(), QStringLiteral("Be brief."));
+        QCOMPARE(m_model->tree()->folderDetails(m_workFolder).value("agentName").toString(), QStringLiteral("Ada"));
+        QCOMPARE(m_model->chat()->agentName(), QStringLiteral("Ada"));
         QCOMPARE(findObject(m_window, QStringLiteral("composerInput"))->property("placeholderText").toString(),
                  QStringLiteral("Message Ada"));
 
@@ -350,24 +353,24 @@ private Q_SLOTS:
         findObject(m_window, QStringLiteral("autoSpeakSwitch"))->setProperty("checked", true);
         QVERIFY(QMetaObject::invokeMethod(chatSheet, "accept"));
         QTRY_VERIFY(!chatSheet->property("visible").toBool());
-        QCOMPARE(m_model->chatDetails(m_markdownChat).value("prompt").toString(), QStringLiteral("Use lists."));
-        QVERIFY(m_model->chatDetails(m_markdownChat).value("autoSpeakReplies").toBool());
+        QCOMPARE(m_model->tree()->chatDetails(m_markdownChat).value("prompt").toString(), QStringLiteral("Use lists."));
+        QVERIFY(m_model->tree()->chatDetails(m_markdownChat).value("autoSpeakReplies").toBool());
 
-        m_model->setNodeAgentName(m_workFolder, QString());
+        m_model->tree()->setNodeAgentName(m_workFolder, QString());
     }
 
     void newFolderShortcutStartsRenaming()
     {
-        const qsizetype before = m_model->nodes().size();
+        const qsizetype before = m_model->tree()->nodes().size();
         QTest::keyClick(m_window, Qt::Key_N, Qt::ControlModifier | Qt::ShiftModifier);
-        QTRY_COMPARE(m_model->nodes().size(), before + 1);
-        const qint64 id = m_model->nodes().last().id;
+        QTRY_COMPARE(m_model->tree()->nodes().size(), before + 1);
+        const qint64 id = m_model->tree()->nodes().last().id;
         QObject *sidebar = findObject(m_window, QStringLiteral("sidebar"));
         QCOMPARE(sidebar->property("editingKey").toString(), QStringLiteral("folder:%1").arg(id));
         QTRY_VERIFY(findItem(m_window, QStringLiteral("renameField"))->hasActiveFocus());
         type(QStringLiteral("Ideas"));
         QTest::keyClick(m_window, Qt::Key_Return);
-        QTRY_COMPARE(m_model->folderDetails(id).value("name").toString(), QStringLiteral("Ideas"));
+        QTRY_COMPARE(m_model->tree()->folderDetails(id).value("name").toString(), QStringLiteral("Ideas"));
     }
 
     void keyboardDrivesTheSidebar()
@@ -380,7 +383,7 @@ private Q_SLOTS:
         QCOMPARE(list->property("currentIndex").toInt(), 2);
 
         QTest::keyClick(m_window, Qt::Key_Up);
-        QTRY_COMPARE(m_model->currentFolderID(), m_workFolder);
+        QTRY_COMPARE(m_model->tree()->selectedNodeID(), m_workFolder);
         const int rows = list->property("count").toInt();
         QTest::keyClick(m_window, Qt::Key_Left);
         QTRY_COMPARE(list->property("count").toInt(), rows - 1);
@@ -388,7 +391,7 @@ private Q_SLOTS:
         QTRY_COMPARE(list->property("count").toInt(), rows);
 
         QTest::keyClick(m_window, Qt::Key_Down);
-        QTRY_COMPARE(m_model->currentChatID(), m_markdownChat);
+        QTRY_COMPARE(m_model->tree()->selectedChatID(), m_markdownChat);
         QTest::keyClick(m_window, Qt::Key_F2);
         QCOMPARE(sidebar->property("editingKey").toString(), QStringLiteral("chat:%1").arg(m_markdownChat));
         QTRY_VERIFY(findItem(m_window, QStringLiteral("renameField"))->hasActiveFocus());
@@ -401,7 +404,7 @@ private Q_SLOTS:
         QObject *dialog = findObject(m_window, QStringLiteral("deleteDialog"));
         QTRY_VERIFY(dialog->property("opened").toBool());
         QCOMPARE(dialog->property("title").toString(),
-                 QStringLiteral("Delete “%1”?").arg(m_model->chatDetails(m_markdownChat).value("title").toString()));
+                 QStringLiteral("Delete “%1”?").arg(m_model->tree()->chatDetails(m_markdownChat).value("title").toString()));
         closePopup(QStringLiteral("deleteDialog"));
 
         QTest::keyClick(m_window, Qt::Key_1, Qt::ControlModifier);
@@ -414,7 +417,7 @@ private Q_SLOTS:
         QTRY_VERIFY(list->hasActiveFocus());
         QTest::keyClick(m_window, Qt::Key_Return);
         QTRY_VERIFY(findItem(m_window, QStringLiteral("composerInput"))->hasActiveFocus());
-        QCOMPARE(m_model->chats().size(), 1);
+        QCOMPARE(m_model->tree()->chats().size(), 1);
     }
 
     void dragChatOntoFolder()
@@ -432,13 +435,13 @@ private Q_SLOTS:
         for (int step = 1; step <= 10; ++step)
             QTest::mouseMove(m_window, from + (to - from) * step / 10, 10);
         QTest::mouseRelease(m_window, Qt::LeftButton, {}, to, 10);
-        QTRY_COMPARE(std::ranges::find(m_model->chats(), m_markdownChat, &Chat::id)->nodeID, m_model->nodes().first().id);
+        QTRY_COMPARE(std::ranges::find(m_model->tree()->chats(), m_markdownChat, &Chat::id)->nodeID, m_model->tree()->nodes().first().id);
     }
 
     void emptyChat()
     {
         QTest::keyClick(m_window, Qt::Key_N, Qt::ControlModifier);
-        QTRY_VERIFY(m_model->currentChatID() != m_markdownChat);
+        QTRY_VERIFY(m_model->tree()->selectedChatID() != m_markdownChat);
         QTRY_VERIFY(findItem(m_window, QStringLiteral("emptyChat"))->isVisible());
         QCOMPARE(textOf(QStringLiteral("emptyChatHeading")), QStringLiteral("Start a conversation"));
         QCOMPARE(textOf(QStringLiteral("emptyChatText")),
@@ -457,18 +460,20 @@ private Q_SLOTS:
         const auto atEnd = [list] { return list->property("atYEnd").toBool(); };
         const auto count = [list] { return list->property("count").toInt(); };
 
-        m_model->newChat(-1);
-        const qint64 chat = m_model->currentChatID();
+        m_model->tree()->addChat(-1);
+        const qint64 chat = m_model->tree()->selectedChatID();
         for (int i = 0; i < 40; ++i)
             addMessage(m_model->database(), chat, QStringLiteral("Message number %1").arg(i));
-        m_model->reload(true);
+        m_model->tree()->reload();
+        m_model->chat()->loadMessages();
         QTRY_COMPARE(count(), 40);
         QTRY_VERIFY(drawn(atEnd));
         QVERIFY(list->property("contentHeight").toReal() > 2 * list->height());
 
         // New messages at the end keep the view there.
         addMessage(m_model->database(), chat, QStringLiteral("One more"));
-        m_model->reload(true);
+        m_model->tree()->reload();
+        m_model->chat()->loadMessages();
         QTRY_COMPARE(count(), 41);
         QTRY_VERIFY(drawn(atEnd));
 
@@ -484,7 +489,8 @@ private Q_SLOTS:
         QVERIFY(!drawn(atEnd));
         const qreal position = list->property("contentY").toReal();
         addMessage(m_model->database(), chat, QStringLiteral("And another"));
-        m_model->reload(true);
+        m_model->tree()->reload();
+        m_model->chat()->loadMessages();
         QTRY_COMPARE(count(), 42);
         QTest::qWait(100);
         QCOMPARE(drawn([list] { return list->property("contentY").toReal(); }), position);
@@ -493,9 +499,9 @@ private Q_SLOTS:
 
     void streamsAReplyAndStops()
     {
-        m_model->setMaxResponseTokens(2048);
-        m_model->newChat(-1);
-        QVERIFY(m_model->visibleMessages().isEmpty());
+        m_model->settings()->setMaxResponseTokens(2048);
+        m_model->tree()->addChat(-1);
+        QVERIFY(m_model->chat()->visibleMessages().isEmpty());
         QTest::keyClick(m_window, Qt::Key_L, Qt::ControlModifier);
         QQuickItem *input = findItem(m_window, QStringLiteral("composerInput"));
         QTRY_VERIFY(input->hasActiveFocus());
@@ -504,25 +510,25 @@ private Q_SLOTS:
         type(QStringLiteral("Hello"));
         QTest::keyClick(m_window, Qt::Key_Return, Qt::ShiftModifier);
         type(QStringLiteral("there"));
-        QCOMPARE(m_model->composer(), QStringLiteral("Hello\nthere"));
-        QVERIFY(m_model->canSend());
+        QCOMPARE(m_model->chat()->composer(), QStringLiteral("Hello\nthere"));
+        QVERIFY(m_model->chat()->canSend());
         QTest::keyClick(m_window, Qt::Key_Return);
-        QCOMPARE(m_model->composer(), QString());
-        QVERIFY(m_model->isGenerating());
+        QCOMPARE(m_model->chat()->composer(), QString());
+        QVERIFY(m_model->chat()->isGenerating());
         QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Stop"));
 
         // The live reply row shows the text as it streams in.
         QQuickItem *list = findItem(m_window, QStringLiteral("messageList"));
         QTRY_COMPARE(list->property("count").toInt(), 1);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->liveReply().isEmpty() || !m_model->isGenerating(), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->liveReply().isEmpty() || !m_model->chat()->isGenerating(), 60000);
         QQuickItem *live = findItem(m_window, QStringLiteral("liveReply"));
         QVERIFY(live);
-        if (m_model->isGenerating())
+        if (m_model->chat()->isGenerating())
             QVERIFY(live->isVisible());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isGenerating(), 120000);
-        QVERIFY2(!m_model->statusIsError(), qPrintable(m_model->status()));
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->isGenerating(), 120000);
+        QVERIFY2(!m_model->status()->isError(), qPrintable(m_model->status()->text()));
         QTRY_COMPARE(list->property("count").toInt(), 2);
-        const QList<Message> stored = m_model->visibleMessages();
+        const QList<Message> stored = m_model->chat()->visibleMessages();
         QCOMPARE(stored.first().body, QStringLiteral("Hello\nthere"));
         QCOMPARE(stored.last().role, QStringLiteral("assistant"));
         QVERIFY(!live->isVisible());
@@ -531,14 +537,14 @@ private Q_SLOTS:
         // Again, and Escape stops it mid-stream.
         type(QStringLiteral("Tell me more"));
         QTest::keyClick(m_window, Qt::Key_Return);
-        QVERIFY(m_model->isGenerating());
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->liveReply().isEmpty(), 60000);
+        QVERIFY(m_model->chat()->isGenerating());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->liveReply().isEmpty(), 60000);
         QVERIFY(live->isVisible());
         QTRY_VERIFY(live->property("text").toString() != QStringLiteral("…"));
         savePicture(QStringLiteral("live-reply.png"), 0);
         QTest::keyClick(m_window, Qt::Key_Escape);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_model->isGenerating(), 30000);
-        QCOMPARE(m_model->status(), QStringLiteral("Stopped"));
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->isGenerating(), 30000);
+        QCOMPARE(m_model->status()->text(), QStringLiteral("Stopped"));
         QCOMPARE(textOf(QStringLiteral("statusText")), QStringLiteral("Stopped"));
         QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Send"));
     }
@@ -560,13 +566,13 @@ private Q_SLOTS:
         QVERIFY(m_model->isErasing());
         QVERIFY(!findObject(m_window, QStringLiteral("eraseButton"))->property("enabled").toBool());
         QTRY_VERIFY_WITH_TIMEOUT(!m_model->isErasing(), 10000);
-        QCOMPARE(m_model->status(), QStringLiteral("All Corvane data erased"));
+        QCOMPARE(m_model->status()->text(), QStringLiteral("All Corvane data erased"));
         // The sheet closes, with the rest of the chat window.
         QTRY_VERIFY(!findObject(m_window, QStringLiteral("settingsSheet")));
         // Closing the sheet did not store the erased name again.
         QVERIFY(m_model->database().setting(Settings::agentNameKey) == std::nullopt);
-        QVERIFY(!m_model->hasChatModel());
-        QCOMPARE(m_model->chats().size(), 0);
+        QVERIFY(!m_model->models()->hasChatModel());
+        QCOMPARE(m_model->tree()->chats().size(), 0);
         QVERIFY(QFileInfo::exists(s_testModel));
         QTRY_VERIFY_WITH_TIMEOUT(findItem(m_window, QStringLiteral("firstRunTitle")), 2000);
         QTRY_VERIFY(!findItem(m_window, QStringLiteral("sidebar")));

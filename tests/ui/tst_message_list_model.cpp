@@ -38,16 +38,17 @@ private Q_SLOTS:
         m_dir = std::make_unique<QTemporaryDir>();
         qputenv("CORVANE_DATA_DIR", m_dir->path().toUtf8());
         m_app = std::make_unique<AppModel>();
-        m_app->newChat(-1);
-        m_chat = m_app->currentChatID();
+        m_app->tree()->addChat(-1);
+        m_chat = m_app->tree()->selectedChatID();
         m_messageIDs.clear();
         for (const char *body : {"one", "two", "three"})
             m_messageIDs.append(addMessage(db(), m_chat, QString::fromLatin1(body)));
-        m_app->reload(true);
+        m_app->tree()->reload();
+        m_app->chat()->loadMessages();
         m_list = std::make_unique<MessageListModel>();
         m_tester = std::make_unique<QAbstractItemModelTester>(m_list.get(),
                                                               QAbstractItemModelTester::FailureReportingMode::QtTest);
-        m_list->setSource(m_app.get());
+        m_list->setSource(m_app->chat());
     }
 
     void cleanup()
@@ -76,7 +77,8 @@ private Q_SLOTS:
         QFETCH(bool, hidden);
         QFETCH(QStringList, shown);
         addMessage(db(), m_chat, body, hidden, display);
-        m_app->reload(true);
+        m_app->tree()->reload();
+        m_app->chat()->loadMessages();
         QCOMPARE(texts(), shown);
         const QModelIndex first = m_list->index(0);
         QCOMPARE(first.data(MessageListModel::MessageIDRole).toLongLong(), m_messageIDs.first());
@@ -116,10 +118,11 @@ private Q_SLOTS:
         } else if (change == QLatin1String("delete")) {
             db().execute(QStringLiteral("DELETE FROM messages WHERE id=?"), {DBValue::integer(m_messageIDs[1])});
         } else if (change == QLatin1String("otherChat")) {
-            m_app->newChat(-1);
-            addMessage(db(), m_app->currentChatID(), QStringLiteral("elsewhere"));
+            m_app->tree()->addChat(-1);
+            addMessage(db(), m_app->tree()->selectedChatID(), QStringLiteral("elsewhere"));
         }
-        m_app->reload(true);
+        m_app->tree()->reload();
+        m_app->chat()->loadMessages();
         QCOMPARE(texts(), shown);
         if (inserted < 0) {
             QVERIFY(resets.count() >= 1);
@@ -153,7 +156,7 @@ private Q_SLOTS:
         QSignalSpy changes(m_list.get(), &QAbstractItemModel::dataChanged);
         const qint64 through = throughIndex < 0 ? 0 : m_messageIDs[throughIndex];
         db().setChatSummary(summary, through, m_chat);
-        m_app->reload();
+        m_app->tree()->reload();
         for (int row = 0; row < m_list->rowCount(); ++row)
             QCOMPARE(m_list->index(row).data(MessageListModel::ShowsSummaryMarkerRole).toBool(), row == markerRow);
         QCOMPARE(changes.count(), markerRow < 0 ? 0 : 1);
@@ -162,7 +165,7 @@ private Q_SLOTS:
         if (markerRow >= 0 && throughIndex < 1) {
             changes.clear();
             db().setChatSummary(summary, m_messageIDs[1], m_chat);
-            m_app->reload();
+            m_app->tree()->reload();
             QVERIFY(m_list->index(2).data(MessageListModel::ShowsSummaryMarkerRole).toBool());
             QVERIFY(!m_list->index(markerRow).data(MessageListModel::ShowsSummaryMarkerRole).toBool());
             QCOMPARE(changes.count(), 2);

@@ -11,15 +11,15 @@ Rectangle {
 
     color: Theme.window
     Accessible.role: Accessible.Pane
-    Accessible.name: AppModel.currentChatTitle !== "" ? AppModel.currentChatTitle : "Chat"
+    Accessible.name: AppModel.chat.title !== "" ? AppModel.chat.title : "Chat"
 
     function focusComposer() {
         composer.focusInput()
     }
 
-    readonly property bool hasChat: AppModel.currentChatID >= 0
-    readonly property bool showsLiveReply: AppModel.isGenerating
-    readonly property string liveText: AppModel.liveDisplay !== "" ? AppModel.liveDisplay : AppModel.liveReply
+    readonly property bool hasChat: AppModel.tree.selectedChatID >= 0
+    readonly property bool showsLiveReply: AppModel.chat.isGenerating
+    readonly property string liveText: AppModel.chat.liveDisplay !== "" ? AppModel.chat.liveDisplay : AppModel.chat.liveReply
 
     ColumnLayout {
         anchors.fill: parent
@@ -30,7 +30,7 @@ Rectangle {
             visible: pane.hasChat
             Layout.fillWidth: true
             Layout.margins: Theme.spacing
-            text: AppModel.currentChatTitle
+            text: AppModel.chat.title
             elide: Text.ElideRight
             font.pixelSize: Theme.headingSize
             font.bold: true
@@ -67,7 +67,7 @@ Rectangle {
 
                 model: MessageListModel {
                     id: messages
-                    source: AppModel
+                    source: AppModel.chat
                     onModelReset: {
                         list.followsEnd = true
                         list.scrollToEnd()
@@ -131,7 +131,7 @@ Rectangle {
                 Label {
                     objectName: "emptyChatHeading"
                     Layout.fillWidth: true
-                    text: AppModel.hasChatModel ? "Start a conversation" : "Install a chat model"
+                    text: AppModel.models.hasChatModel ? "Start a conversation" : "Install a chat model"
                     horizontalAlignment: Text.AlignHCenter
                     font.pixelSize: Theme.titleSize
                     font.bold: true
@@ -142,11 +142,11 @@ Rectangle {
                 Label {
                     objectName: "emptyChatText"
                     Layout.fillWidth: true
-                    text: AppModel.hasChatModel
+                    text: AppModel.models.hasChatModel
                           ? "Everything is private. Your chats, images, and data stay on this computer and are never sent to a server, so you can talk about anything."
-                            + (AppModel.hasImageSupport ? "\n\nDrop an image here to show it to " + AppModel.currentAgentName : "")
-                            + (AppModel.currentChatIsSealed ? "\n\nThis chat is in a locked folder, so it's also encrypted and needs your password to open." : "")
-                          : AppModel.currentAgentName + " needs a chat model on this computer before it can reply."
+                            + (AppModel.models.hasImageSupport ? "\n\nDrop an image here to show it to " + AppModel.chat.agentName : "")
+                            + (AppModel.chat.isSealed ? "\n\nThis chat is in a locked folder, so it's also encrypted and needs your password to open." : "")
+                          : AppModel.chat.agentName + " needs a chat model on this computer before it can reply."
                     wrapMode: Text.WordWrap
                     horizontalAlignment: Text.AlignHCenter
                     font.pixelSize: Theme.bodySize
@@ -181,7 +181,7 @@ Rectangle {
             Label {
                 objectName: "summaryText"
                 width: parent.width
-                text: AppModel.currentChatSummary
+                text: AppModel.chat.summary
                 wrapMode: Text.WordWrap
                 color: Theme.text
                 Accessible.role: Accessible.StaticText
@@ -197,7 +197,7 @@ Rectangle {
         property var details: ({})
 
         function show(messageID: real) {
-            details = AppModel.messageMetadata(messageID)
+            details = AppModel.chat.messageMetadata(messageID)
             open()
         }
 

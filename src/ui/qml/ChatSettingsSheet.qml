@@ -19,15 +19,15 @@ Dialog {
     standardButtons: Dialog.Save | Dialog.Cancel
 
     onAboutToShow: {
-        details = AppModel.chatDetails(chatID)
+        details = AppModel.tree.chatDetails(chatID)
         prompt.text = details.prompt ?? ""
         autoSpeak.checked = details.autoSpeakReplies ?? false
     }
     onAccepted: {
         if (prompt.text !== details.prompt)
-            AppModel.setChatPrompt(chatID, prompt.text)
+            AppModel.tree.setChatPrompt(chatID, prompt.text)
         if (autoSpeak.checked !== details.autoSpeakReplies)
-            AppModel.setChatAutoSpeakReplies(chatID, autoSpeak.checked)
+            AppModel.tree.setChatAutoSpeakReplies(chatID, autoSpeak.checked)
     }
 
     ColumnLayout {

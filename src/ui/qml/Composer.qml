@@ -28,8 +28,8 @@ Rectangle {
             TextArea {
                 id: input
                 objectName: "composerInput"
-                text: AppModel.composer
-                placeholderText: "Message " + AppModel.currentAgentName
+                text: AppModel.chat.composer
+                placeholderText: "Message " + AppModel.chat.agentName
                 wrapMode: TextEdit.Wrap
                 font.pixelSize: Theme.bodySize
                 selectByMouse: true
@@ -41,8 +41,8 @@ Rectangle {
                     radius: 8
                 }
                 onTextChanged: {
-                    if (text !== AppModel.composer)
-                        AppModel.composer = text
+                    if (text !== AppModel.chat.composer)
+                        AppModel.chat.composer = text
                 }
 
                 function handleEnter(event: var) {
@@ -52,8 +52,8 @@ Rectangle {
                         return
                     }
                     event.accepted = true
-                    if (AppModel.canSend)
-                        AppModel.send()
+                    if (AppModel.chat.canSend)
+                        AppModel.chat.send()
                 }
                 Keys.onReturnPressed: (event) => handleEnter(event)
                 Keys.onEnterPressed: (event) => handleEnter(event)
@@ -63,15 +63,15 @@ Rectangle {
         Button {
             objectName: "sendButton"
             Layout.alignment: Qt.AlignBottom
-            text: AppModel.isGenerating ? "Stop" : "Send"
-            enabled: AppModel.isGenerating || AppModel.canSend
-            highlighted: !AppModel.isGenerating
-            Accessible.name: AppModel.isGenerating ? "Stop reply" : "Send message"
+            text: AppModel.chat.isGenerating ? "Stop" : "Send"
+            enabled: AppModel.chat.isGenerating || AppModel.chat.canSend
+            highlighted: !AppModel.chat.isGenerating
+            Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : "Send message"
             onClicked: {
-                if (AppModel.isGenerating)
-                    AppModel.stopReply()
+                if (AppModel.chat.isGenerating)
+                    AppModel.chat.stopReply()
                 else
-                    AppModel.send()
+                    AppModel.chat.send()
             }
         }
     }

@@ -71,7 +71,7 @@ Item {
             Repeater {
                 id: choices
                 objectName: "firstRunModelList"
-                model: AppModel.chatModelChoices
+                model: AppModel.models.chatModelChoices
 
                 delegate: RowLayout {
                     id: row
@@ -94,7 +94,7 @@ Item {
                         text: "Download"
                         enabled: !AppModel.isBusy && !row.modelData.installed
                         Accessible.name: "Download " + row.modelData.name
-                        onClicked: AppModel.install([row.modelData.id])
+                        onClicked: AppModel.models.install([row.modelData.id])
                     }
                 }
             }
@@ -102,29 +102,29 @@ Item {
             ColumnLayout {
                 objectName: "firstRunProgress"
                 Layout.fillWidth: true
-                visible: AppModel.busyModelID !== ""
+                visible: AppModel.models.busyModelID !== ""
                 spacing: Theme.spacing / 2
 
                 ProgressBar {
                     Layout.fillWidth: true
                     from: 0
-                    to: Math.max(1, AppModel.downloadTotalBytes)
-                    value: AppModel.downloadedBytes
+                    to: Math.max(1, AppModel.models.downloadTotalBytes)
+                    value: AppModel.models.downloadedBytes
                     Accessible.name: "Download progress"
                 }
                 RowLayout {
                     Layout.fillWidth: true
                     Label {
                         Layout.fillWidth: true
-                        text: screen.sizeText(AppModel.downloadedBytes) + " of "
-                              + screen.sizeText(AppModel.downloadTotalBytes) + " ("
-                              + Math.floor(100 * AppModel.downloadedBytes / Math.max(1, AppModel.downloadTotalBytes)) + "%)"
+                        text: screen.sizeText(AppModel.models.downloadedBytes) + " of "
+                              + screen.sizeText(AppModel.models.downloadTotalBytes) + " ("
+                              + Math.floor(100 * AppModel.models.downloadedBytes / Math.max(1, AppModel.models.downloadTotalBytes)) + "%)"
                         color: Theme.secondaryText
                     }
                     Button {
                         text: "Cancel"
                         Accessible.name: "Cancel download"
-                        onClicked: AppModel.cancelInstall()
+                        onClicked: AppModel.models.cancelInstall()
                     }
                 }
             }
@@ -133,11 +133,11 @@ Item {
                 objectName: "firstRunStatus"
                 Layout.fillWidth: true
                 visible: text !== ""
-                text: AppModel.status
+                text: AppModel.status.text
                 wrapMode: Text.WordWrap
-                color: AppModel.statusIsError ? Theme.error : Theme.secondaryText
+                color: AppModel.status.isError ? Theme.error : Theme.secondaryText
                 horizontalAlignment: Text.AlignHCenter
-                Accessible.role: AppModel.statusIsError ? Accessible.AlertMessage : Accessible.StaticText
+                Accessible.role: AppModel.status.isError ? Accessible.AlertMessage : Accessible.StaticText
                 Accessible.name: text
             }
 
@@ -166,6 +166,6 @@ Item {
         id: fileDialog
         title: "Install a model file"
         nameFilters: ["Model files (*.gguf *.bin)", "All files (*)"]
-        onAccepted: AppModel.installFromFileUrl(selectedFile)
+        onAccepted: AppModel.models.installFromFileUrl(selectedFile)
     }
 }

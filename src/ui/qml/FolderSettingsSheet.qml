@@ -20,18 +20,18 @@ Dialog {
     standardButtons: Dialog.Save | Dialog.Cancel
 
     onAboutToShow: {
-        details = AppModel.folderDetails(folderID)
+        details = AppModel.tree.folderDetails(folderID)
         name.text = details.name ?? ""
         prompt.text = details.prompt ?? ""
         agentName.text = details.agentName ?? ""
     }
     onAccepted: {
         if (name.text.trim() !== "" && name.text !== details.name)
-            AppModel.renameNode(folderID, name.text)
+            AppModel.tree.renameNode(folderID, name.text)
         if (prompt.text !== details.prompt)
-            AppModel.setNodePrompt(folderID, prompt.text)
+            AppModel.tree.setNodePrompt(folderID, prompt.text)
         if (agentName.text !== details.agentName)
-            AppModel.setNodeAgentName(folderID, agentName.text)
+            AppModel.tree.setNodeAgentName(folderID, agentName.text)
     }
 
     ColumnLayout {

@@ -19,7 +19,7 @@ ApplicationWindow {
 
     Loader {
         anchors.fill: parent
-        sourceComponent: AppModel.hasChatModel || window.skippedSetup ? chats : firstRun
+        sourceComponent: AppModel.models.hasChatModel || window.skippedSetup ? chats : firstRun
     }
 
     Component {
@@ -36,13 +36,22 @@ ApplicationWindow {
             id: main
             spacing: 0
 
-            // What the status button says for each readiness, in the order of its values.
-            readonly property var readinessTexts: ["Needs attention", "Working…", "No chat model", "Models missing", "Ready"]
+            /// What the status button says for each readiness.
+            function readinessText(readiness: int): string {
+                switch (readiness) {
+                case Readiness.Error: return "Needs attention"
+                case Readiness.Busy: return "Working…"
+                case Readiness.NoChatModel: return "No chat model"
+                case Readiness.ModelsMissing: return "Models missing"
+                case Readiness.Ready: return "Ready"
+                }
+                return ""
+            }
 
             Shortcut {
                 sequence: "Ctrl+N"
                 context: Qt.WindowShortcut
-                onActivated: AppModel.newChat(-1)
+                onActivated: AppModel.tree.addChat(-1)
             }
             Shortcut {
                 sequence: "Ctrl+Shift+N"
@@ -67,8 +76,8 @@ ApplicationWindow {
             Shortcut {
                 sequence: "Escape"
                 context: Qt.WindowShortcut
-                enabled: AppModel.isGenerating
-                onActivated: AppModel.stopReply()
+                enabled: AppModel.chat.isGenerating
+                onActivated: AppModel.chat.stopReply()
             }
 
             // The toolbar: where things stand, privacy, settings.
@@ -102,9 +111,9 @@ ApplicationWindow {
                     }
                     Button {
                         objectName: "statusButton"
-                        text: main.readinessTexts[AppModel.readiness] ?? ""
+                        text: main.readinessText(AppModel.readiness)
                         flat: true
-                        palette.buttonText: AppModel.readiness === 0 ? Theme.error : Theme.text
+                        palette.buttonText: AppModel.readiness === Readiness.Error ? Theme.error : Theme.text
                         Accessible.name: "Status: " + text
                         onClicked: settings.open()
                     }
@@ -121,10 +130,10 @@ ApplicationWindow {
             Rectangle {
                 objectName: "statusBanner"
                 Layout.fillWidth: true
-                visible: AppModel.status !== ""
+                visible: AppModel.status.text !== ""
                 implicitHeight: statusText.implicitHeight + Theme.spacing
-                color: AppModel.statusIsError ? Theme.errorBackground : Theme.surface
-                border.color: AppModel.statusIsError ? Theme.error : Theme.border
+                color: AppModel.status.isError ? Theme.errorBackground : Theme.surface
+                border.color: AppModel.status.isError ? Theme.error : Theme.border
 
                 Label {
                     id: statusText
@@ -133,10 +142,10 @@ ApplicationWindow {
                     anchors.leftMargin: Theme.spacing
                     anchors.rightMargin: Theme.spacing
                     verticalAlignment: Text.AlignVCenter
-                    text: AppModel.status
+                    text: AppModel.status.text
                     elide: Text.ElideRight
-                    color: AppModel.statusIsError ? Theme.error : Theme.secondaryText
-                    Accessible.role: AppModel.statusIsError ? Accessible.AlertMessage : Accessible.StaticText
+                    color: AppModel.status.isError ? Theme.error : Theme.secondaryText
+                    Accessible.role: AppModel.status.isError ? Accessible.AlertMessage : Accessible.StaticText
                     Accessible.name: text
                 }
             }

@@ -24,13 +24,13 @@ ColumnLayout {
 
     Repeater {
         objectName: "modelList"
-        model: AppModel.modelChoices
+        model: AppModel.models.modelChoices
 
         delegate: RowLayout {
             id: entry
             required property var modelData
             readonly property bool selectable: modelData.role !== "vision"
-            readonly property bool busy: AppModel.busyModelID === modelData.id
+            readonly property bool busy: AppModel.models.busyModelID === modelData.id
             Layout.fillWidth: true
             spacing: Theme.spacing / 2
 
@@ -42,9 +42,9 @@ ColumnLayout {
                 Accessible.name: "Use " + entry.modelData.name
                 onClicked: {
                     if (entry.modelData.role === "chat")
-                        AppModel.selectModel(entry.modelData.id)
+                        AppModel.settings.selectModel(entry.modelData.id)
                     else
-                        AppModel.selectWhisperModel(entry.modelData.id)
+                        AppModel.settings.selectWhisperModel(entry.modelData.id)
                 }
             }
             Item {
@@ -74,9 +74,9 @@ ColumnLayout {
                 Accessible.name: text + " " + entry.modelData.name
                 onClicked: {
                     if (entry.modelData.installed)
-                        AppModel.remove(entry.modelData.id)
+                        AppModel.models.remove(entry.modelData.id)
                     else
-                        AppModel.install([entry.modelData.id])
+                        AppModel.models.install([entry.modelData.id])
                 }
             }
         }
@@ -85,28 +85,28 @@ ColumnLayout {
     ColumnLayout {
         objectName: "modelProgress"
         Layout.fillWidth: true
-        visible: AppModel.busyModelID !== "" && AppModel.downloadTotalBytes > 0
+        visible: AppModel.models.busyModelID !== "" && AppModel.models.downloadTotalBytes > 0
         spacing: 2
 
         ProgressBar {
             Layout.fillWidth: true
             from: 0
-            to: Math.max(1, AppModel.downloadTotalBytes)
-            value: AppModel.downloadedBytes
+            to: Math.max(1, AppModel.models.downloadTotalBytes)
+            value: AppModel.models.downloadedBytes
             Accessible.name: "Download progress"
         }
         RowLayout {
             Layout.fillWidth: true
             Label {
                 Layout.fillWidth: true
-                text: models.sizeText(AppModel.downloadedBytes) + " of " + models.sizeText(AppModel.downloadTotalBytes)
-                      + " (" + Math.floor(100 * AppModel.downloadedBytes / Math.max(1, AppModel.downloadTotalBytes)) + "%)"
+                text: models.sizeText(AppModel.models.downloadedBytes) + " of " + models.sizeText(AppModel.models.downloadTotalBytes)
+                      + " (" + Math.floor(100 * AppModel.models.downloadedBytes / Math.max(1, AppModel.models.downloadTotalBytes)) + "%)"
                 color: Theme.secondaryText
             }
             Button {
                 text: "Cancel"
                 Accessible.name: "Cancel download"
-                onClicked: AppModel.cancelInstall()
+                onClicked: AppModel.models.cancelInstall()
             }
         }
     }
@@ -133,6 +133,6 @@ ColumnLayout {
         id: fileDialog
         title: "Install a model file"
         nameFilters: ["Model files (*.gguf *.bin)", "All files (*)"]
-        onAccepted: AppModel.installFromFileUrl(selectedFile)
+        onAccepted: AppModel.models.installFromFileUrl(selectedFile)
     }
 }

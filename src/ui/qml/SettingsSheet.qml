@@ -33,14 +33,14 @@ Dialog {
     standardButtons: Dialog.Close
 
     onOpened: {
-        agentName.text = AppModel.globalAgentName
-        globalPrompt.text = AppModel.globalPrompt
+        agentName.text = AppModel.settings.globalAgentName
+        globalPrompt.text = AppModel.settings.globalPrompt
     }
     onClosed: {
-        if (agentName.text !== AppModel.globalAgentName)
-            AppModel.setGlobalAgentName(agentName.text)
-        if (globalPrompt.text !== AppModel.globalPrompt)
-            AppModel.setGlobalPrompt(globalPrompt.text)
+        if (agentName.text !== AppModel.settings.globalAgentName)
+            AppModel.settings.setGlobalAgentName(agentName.text)
+        if (globalPrompt.text !== AppModel.settings.globalPrompt)
+            AppModel.settings.setGlobalPrompt(globalPrompt.text)
     }
 
     component Heading: Label {
@@ -79,7 +79,7 @@ Dialog {
                 placeholderText: "Corvane"
                 selectByMouse: true
                 Accessible.name: "Assistant name"
-                onEditingFinished: AppModel.setGlobalAgentName(text)
+                onEditingFinished: AppModel.settings.setGlobalAgentName(text)
             }
             Note {
                 objectName: "agentNameNote"
@@ -120,9 +120,9 @@ Dialog {
                     to: 1.5
                     stepSize: 0.1
                     snapMode: Slider.SnapAlways
-                    value: AppModel.temperature
+                    value: AppModel.settings.temperature
                     Accessible.name: "Temperature"
-                    onMoved: AppModel.setTemperature(Math.round(value * 10) / 10)
+                    onMoved: AppModel.settings.setTemperature(Math.round(value * 10) / 10)
                 }
                 Label {
                     text: temperature.value.toFixed(1)
@@ -140,12 +140,12 @@ Dialog {
                     objectName: "maxResponseChoice"
                     Layout.fillWidth: true
                     model: sheet.responseChoices.map(n => n + " tokens")
-                    currentIndex: sheet.responseChoices.indexOf(AppModel.maxResponseTokens)
+                    currentIndex: sheet.responseChoices.indexOf(AppModel.settings.maxResponseTokens)
                     Accessible.name: "Maximum response"
                     onActivated: (i) => {
-                        AppModel.setMaxResponseTokens(sheet.responseChoices[i])
+                        AppModel.settings.setMaxResponseTokens(sheet.responseChoices[i])
                         // Show what the model kept, which follows later changes too.
-                        currentIndex = Qt.binding(() => sheet.responseChoices.indexOf(AppModel.maxResponseTokens))
+                        currentIndex = Qt.binding(() => sheet.responseChoices.indexOf(AppModel.settings.maxResponseTokens))
                     }
                 }
             }
@@ -159,13 +159,13 @@ Dialog {
                     objectName: "contextChoice"
                     Layout.fillWidth: true
                     model: sheet.contextChoices.map(c => c.label + " tokens (" + c.memory + ")")
-                    currentIndex: sheet.contextChoices.findIndex(c => c.tokens === AppModel.contextTokens)
+                    currentIndex: sheet.contextChoices.findIndex(c => c.tokens === AppModel.settings.contextTokens)
                     Accessible.name: "Conversation context"
                     onActivated: (i) => {
                         // Refused while a reply is being generated: the box then shows the
                         // size still in use.
-                        AppModel.setContextTokens(sheet.contextChoices[i].tokens)
-                        currentIndex = Qt.binding(() => sheet.contextChoices.findIndex(c => c.tokens === AppModel.contextTokens))
+                        AppModel.settings.setContextTokens(sheet.contextChoices[i].tokens)
+                        currentIndex = Qt.binding(() => sheet.contextChoices.findIndex(c => c.tokens === AppModel.settings.contextTokens))
                     }
                 }
             }
@@ -213,8 +213,8 @@ Dialog {
             if (!erased)
                 return
             // The fields still hold what was erased; closing must not store it again.
-            agentName.text = AppModel.globalAgentName
-            globalPrompt.text = AppModel.globalPrompt
+            agentName.text = AppModel.settings.globalAgentName
+            globalPrompt.text = AppModel.settings.globalPrompt
             sheet.close()
         }
     }

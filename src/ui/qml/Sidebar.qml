@@ -26,8 +26,9 @@ Rectangle {
 
     /// Adds a folder (under `parentID`, -1 for the top level) and starts renaming it.
     function newFolder(parentID: real) {
-        const id = AppModel.newFolder(parentID)
+        const id = AppModel.tree.addFolder(parentID)
         if (id >= 0) {
+            AppModel.tree.selectNode(id)
             if (parentID >= 0)
                 tree.setCollapsed(parentID, false)
             editingKey = "folder:" + id
@@ -36,7 +37,7 @@ Rectangle {
 
     function newChatIn(folderID: real) {
         tree.setCollapsed(folderID, false)
-        AppModel.newChat(folderID)
+        AppModel.tree.addChat(folderID)
     }
 
     /// Opens a row's actions at the pointer, or under `anchor` when the keyboard asked.
@@ -55,8 +56,8 @@ Rectangle {
     function followSelection() {
         if (selectingFromKeyboard)
             return
-        const row = AppModel.currentChatID >= 0 ? tree.rowOf("chat", AppModel.currentChatID)
-                                                 : tree.rowOf("folder", AppModel.currentFolderID)
+        const row = AppModel.tree.selectedChatID >= 0 ? tree.rowOf("chat", AppModel.tree.selectedChatID)
+                                                 : tree.rowOf("folder", AppModel.tree.selectedNodeID)
         if (row >= 0 && row !== list.currentIndex)
             list.currentIndex = row
     }
@@ -121,7 +122,7 @@ Rectangle {
     signal chatOpened()
 
     Connections {
-        target: AppModel
+        target: AppModel.tree
         function onSelectionChanged() { sidebar.followSelection() }
     }
 
@@ -160,7 +161,7 @@ Rectangle {
                 Layout.fillWidth: true
                 text: "New chat"
                 Accessible.name: "New chat"
-                onClicked: AppModel.newChat(-1)
+                onClicked: AppModel.tree.addChat(-1)
             }
             Button {
                 objectName: "newFolderButton"
@@ -193,9 +194,9 @@ Rectangle {
                     return
                 sidebar.selectingFromKeyboard = true
                 if (row.kind === "folder")
-                    AppModel.selectFolder(row.itemID)
-                else if (row.itemID !== AppModel.currentChatID)
-                    AppModel.selectChat(row.itemID)
+                    AppModel.tree.selectNode(row.itemID)
+                else if (row.itemID !== AppModel.tree.selectedChatID)
+                    AppModel.tree.selectChat(row.itemID)
                 sidebar.selectingFromKeyboard = false
             }
             Keys.onPressed: (event) => sidebar.handleKey(event)
@@ -203,7 +204,7 @@ Rectangle {
 
             model: SidebarModel {
                 id: tree
-                source: AppModel
+                source: AppModel.tree
             }
 
             delegate: SidebarRow {
@@ -212,9 +213,9 @@ Rectangle {
                 editing: sidebar.editingKey === row.kind + ":" + row.itemID
                 onSelected: {
                     if (row.kind === "folder")
-                        AppModel.selectFolder(row.itemID)
+                        AppModel.tree.selectNode(row.itemID)
                     else
-                        AppModel.selectChat(row.itemID)
+                        AppModel.tree.selectChat(row.itemID)
                     list.currentIndex = tree.rowOf(row.kind, row.itemID)
                 }
                 onToggled: tree.toggleCollapsed(row.itemID)
@@ -225,12 +226,17 @@ Rectangle {
                     if (newName.trim() === "" || newName === row.name)
                         return
                     if (row.kind === "folder")
-                        AppModel.renameNode(row.itemID, newName)
+                        AppModel.tree.renameNode(row.itemID, newName)
                     else
-                        AppModel.renameChat(row.itemID, newName)
+                        AppModel.tree.renameChat(row.itemID, newName)
                 }
                 onRenameCancelled: { sidebar.editingKey = "" }
-                onChatDropped: (chatID) => AppModel.moveChat(chatID, row.itemID)
+                onChatDropped: (chatID) => {
+                    // A chat that cannot be selected (locked away) is not moved.
+                    AppModel.tree.selectChat(chatID)
+                    if (AppModel.tree.selectedChatID === chatID)
+                        AppModel.tree.moveSelectedChat(row.itemID)
+                }
             }
         }
     }
@@ -295,9 +301,9 @@ Rectangle {
         acceptText: "Delete"
         onAccepted: {
             if (kind === "folder")
-                AppModel.deleteFolder(itemID)
+                AppModel.tree.deleteFolder(itemID)
             else
-                AppModel.deleteChat(itemID)
+                AppModel.tree.deleteChat(itemID)
         }
     }
 

@@ -8,9 +8,13 @@
 // together with its queue entry. Before a large removal the index is merged, also in slices:
 // a merged index removes rows several times faster. A purge cut short by quitting goes on at
 // the next start; until then the queue keeps what it holds out of sight.
-#include "app/app_model.h"
+#include "app/chat_tree.h"
+
+#include "app/status_banner.h"
 
 #include "storage/database.h"
+
+#include <QPointer>
 
 #include <QCoro/QCoroTimer>
 #include <QElapsedTimer>
@@ -28,39 +32,36 @@ constexpr int s_mergePages = 200;
 
 } // namespace
 
-void AppModel::deleteChat(qint64 id)
+void ChatTree::deleteChat(qint64 id)
 {
-    if (m_isGenerating || std::ranges::find(m_chats, id, &Chat::id) == m_chats.end())
+    if (m_replyRunning() || !chat(id))
         return;
-    if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::chat, id}); }))
+    if (!m_status.attempt([&] { m_deletions.add(m_database, {DeletionQueue::Kind::chat, id}); }))
         return;
-    // A summary being written may be for what is going; the next reply starts it again.
-    cancelCompaction();
+    Q_EMIT deletionQueued();
     // The reload drops the selection of a chat that is no longer shown.
     reload();
     startPurge();
 }
 
-void AppModel::deleteFolder(qint64 id)
+void ChatTree::deleteFolder(qint64 id)
 {
-    if (m_isGenerating || !m_tree.find(id))
+    if (m_replyRunning() || !m_tree.find(id))
         return;
-    if (!tryDatabase([&] { m_deletions.add(*m_database, {DeletionQueue::Kind::folder, id}); }))
+    if (!m_status.attempt([&] { m_deletions.add(m_database, {DeletionQueue::Kind::folder, id}); }))
         return;
-    cancelCompaction();
+    Q_EMIT deletionQueued();
     reload();
     // There is always at least one folder to put chats in.
     if (nodes().isEmpty()
-        && tryDatabase([this] { m_database->addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox")); }))
+        && m_status.attempt([this] { m_database.addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox")); }))
         reload();
-    if (!m_selectedNodeID && !nodes().isEmpty()) {
-        m_selectedNodeID = nodes().first().id;
-        Q_EMIT selectionChanged();
-    }
+    if (m_selectedNodeID == none && !nodes().isEmpty())
+        setSelection(m_selectedChatID, nodes().first().id);
     startPurge();
 }
 
-void AppModel::startPurge()
+void ChatTree::startPurge()
 {
     if (m_purgeCancel || m_deletions.isEmpty())
         return;
@@ -68,16 +69,16 @@ void AppModel::startPurge()
     purgeDeletions(*m_purgeCancel);
 }
 
-void AppModel::cancelPurge()
+void ChatTree::cancelPurge()
 {
     if (m_purgeCancel)
         m_purgeCancel->cancel();
     m_purgeCancel.reset();
 }
 
-QCoro::Task<> AppModel::purgeDeletions(CancellationToken cancel)
+QCoro::Task<> ChatTree::purgeDeletions(CancellationToken cancel)
 {
-    const QPointer<AppModel> alive(this);
+    const QPointer<ChatTree> alive(this);
     // Each slice starts after an event-loop turn: the deletion that queued the work returns
     // first, and the window redraws between slices.
     const auto stopped = [&] { return !alive || cancel.isCancelled(); };
@@ -88,10 +89,10 @@ QCoro::Task<> AppModel::purgeDeletions(CancellationToken cancel)
         if (stopped())
             co_return;
         QList<qint64> ids;
-        ok = tryDatabase([&] { ids = DeletionQueue::messageIDs(*m_database, entry); });
+        ok = m_status.attempt([&] { ids = DeletionQueue::messageIDs(m_database, entry); });
         bool more = ok && ids.size() >= s_mergeFirstFrom;
         while (ok && more) {
-            ok = tryDatabase([&] { more = m_database->mergeSearchIndex(s_mergePages); });
+            ok = m_status.attempt([&] { more = m_database.mergeSearchIndex(s_mergePages); });
             co_await QCoro::sleepFor(std::chrono::milliseconds(0));
             if (stopped())
                 co_return;
@@ -103,7 +104,7 @@ QCoro::Task<> AppModel::purgeDeletions(CancellationToken cancel)
             timer.start();
             // In id order, each slice's words sit close together in the index's pages.
             const QList<qint64> part = ids.mid(done, slice);
-            ok = tryDatabase([&] { m_database->deleteMessages(part); });
+            ok = m_status.attempt([&] { m_database.deleteMessages(part); });
             done += part.size();
             const qint64 spent = std::max<qint64>(1, timer.elapsed());
             slice = std::clamp<qsizetype>(slice * s_sliceTargetMs / spent, 8, 4096);
@@ -112,11 +113,24 @@ QCoro::Task<> AppModel::purgeDeletions(CancellationToken cancel)
                 co_return;
         }
         if (ok)
-            ok = tryDatabase([&] { m_deletions.finish(*m_database, entry); });
-        pruneImages();
+            ok = m_status.attempt([&] { m_deletions.finish(m_database, entry); });
     }
     // A failure was shown in the status line; the queue keeps the rest for the next deletion
     // or the next start.
     m_purgeCancel.reset();
     Q_EMIT purgeFinished();
+}
+
+void ChatTree::resetAfterErase()
+{
+    m_deletions.clear();
+    m_cartridgeAgentNames.clear();
+    m_selectedChatID = none;
+    m_selectedNodeID = none;
+    reload();
+    // The new default folder.
+    if (!nodes().isEmpty())
+        m_selectedNodeID = nodes().first().id;
+    Q_EMIT selectionChanged();
+    Q_EMIT chatOpened();
 }

@@ -1,14 +1,13 @@
-// Compaction: folding the older part of a long chat into its running summary, in the
-// background after a reply. Messages are never deleted; those the summary covers simply stop
-// being sent.
-#include "app/app_model.h"
+#include "app/compactor.h"
 
+#include "app/app_settings.h"
 #include "app/reply_context.h"
 #include "app/settings_rules.h"
 #include "inference/inference_engine.h"
 #include "storage/database.h"
 
 #include <QLoggingCategory>
+#include <QPointer>
 
 #include <functional>
 
@@ -42,46 +41,60 @@ QJsonArray slice(const QJsonArray &entries, qsizetype from, qsizetype count)
 
 } // namespace
 
-void AppModel::cancelCompaction()
+Compactor::Compactor(Database &database, InferenceEngine &inference, const AppSettings &settings, QObject *parent)
+    : QObject(parent)
+    , m_database(database)
+    , m_inference(inference)
+    , m_settings(settings)
 {
-    if (m_compactionCancel)
-        m_compactionCancel->cancel();
-    m_compactionCancel.reset();
 }
 
-QCoro::Task<> AppModel::runCompaction(qint64 chatID, QString systemPrompt, qint64 responseTokens,
-                                      CancellationToken cancel, int run)
+void Compactor::start(qint64 chatID, QString systemPrompt, qint64 responseTokens)
 {
-    const QPointer<AppModel> alive(this);
+    cancel();
+    m_cancel = CancellationToken();
+    run(chatID, std::move(systemPrompt), responseTokens, *m_cancel, ++m_runs);
+}
+
+void Compactor::cancel()
+{
+    if (m_cancel)
+        m_cancel->cancel();
+    m_cancel.reset();
+}
+
+QCoro::Task<> Compactor::run(qint64 chatID, QString systemPrompt, qint64 responseTokens, CancellationToken cancel,
+                             int run)
+{
+    const QPointer<Compactor> alive(this);
     try {
         co_await compactIfNeeded(chatID, systemPrompt, responseTokens, cancel);
     } catch (const CancelledError &) {
-        // A newer reply, erasing or locking took over.
+        // A newer reply, a deletion or erasing took over.
     } catch (const std::exception &error) {
         // The chat keeps its previous summary and the next reply tries again.
         qCInfo(lcCompaction) << "compaction ended early:" << error.what();
     }
-    if (alive && run == m_compactionRuns)
-        m_compactionCancel.reset();
+    if (alive && run == m_runs)
+        m_cancel.reset();
 }
 
-QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,
-                                        CancellationToken cancel)
+QCoro::Task<> Compactor::compactIfNeeded(qint64 chatID, QString systemPrompt, qint64 responseTokens,
+                                         CancellationToken cancel)
 {
-    const auto limits = ReplyContext::CompactionLimits::of(m_contextTokens, responseTokens);
+    const auto limits = ReplyContext::CompactionLimits::of(m_settings.contextTokens(), responseTokens);
     if (limits.budget <= 0)
         co_return;
 
     cancel.throwIfCancelled();
-    const auto [summary, summaryThroughID] = m_database->chatSummary(chatID);
-    const QList<Message> candidates =
-        ReplyContext::unsummarized(m_database->messages(chatID), summaryThroughID);
+    const auto [summary, summaryThroughID] = m_database.chatSummary(chatID);
+    const QList<Message> candidates = ReplyContext::unsummarized(m_database.messages(chatID), summaryThroughID);
     const QJsonArray entries = ReplyContext::plainEntries(candidates);
 
     QJsonArray everything{ReplyContext::entry(QStringLiteral("system"), systemPrompt)};
     for (const QJsonValue &entry : entries)
         everything.append(entry);
-    const qint64 total = co_await m_inference->tokenCount(everything);
+    const qint64 total = co_await m_inference.tokenCount(everything);
     cancel.throwIfCancelled();
     qCDebug(lcCompaction) << "chat" << chatID << "counts" << total << "tokens of" << limits.trigger;
     if (total <= limits.trigger)
@@ -90,7 +103,7 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
     // The newest messages that fit two fifths of the budget stay as they are.
     const qsizetype count = entries.size();
     const qsizetype kept = co_await largestFitting(count, [&](qsizetype k) -> QCoro::Task<bool> {
-        const qint64 tokens = co_await m_inference->tokenCount(slice(entries, count - k, k));
+        const qint64 tokens = co_await m_inference.tokenCount(slice(entries, count - k, k));
         cancel.throwIfCancelled();
         co_return tokens <= limits.keep;
     });
@@ -100,7 +113,7 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
 
     // Of the older ones, the longest run from the start that fits half the budget is folded.
     const qsizetype folded = co_await largestFitting(older, [&](qsizetype n) -> QCoro::Task<bool> {
-        const qint64 tokens = co_await m_inference->tokenCount(slice(entries, 0, n));
+        const qint64 tokens = co_await m_inference.tokenCount(slice(entries, 0, n));
         cancel.throwIfCancelled();
         co_return tokens <= limits.fold;
     });
@@ -108,12 +121,13 @@ QCoro::Task<> AppModel::compactIfNeeded(qint64 chatID, QString systemPrompt, qin
         co_return;
 
     const QString transcript = ReplyContext::transcript(candidates.mid(0, folded));
-    const QPointer<AppModel> alive(this);
-    const QString updated = co_await m_inference->summarize(summary, transcript, limits.summary);
-    throwIfGone(alive);
+    const QPointer<Compactor> alive(this);
+    const QString updated = co_await m_inference.summarize(summary, transcript, limits.summary);
+    if (!alive)
+        throw CancelledError();
     cancel.throwIfCancelled();
     if (Settings::trimmed(updated).isEmpty())
         co_return;
-    m_database->setChatSummary(updated, candidates[folded - 1].id, chatID);
-    reload();
+    m_database.setChatSummary(updated, candidates[folded - 1].id, chatID);
+    Q_EMIT summaryChanged(chatID);
 }

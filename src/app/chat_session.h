@@ -1,0 +1,134 @@
+#pragma once
+
+#include "platform/cancellation.h"
+#include "scripts/cartridge_context.h"
+#include "storage/records.h"
+
+#include <QDateTime>
+#include <QHash>
+#include <QObject>
+#include <QVariantMap>
+
+#include <QCoro/QCoroTask>
+
+#include <optional>
+
+class AppSettings;
+class ChatTree;
+class Compactor;
+class Database;
+class InferenceEngine;
+class ModelsController;
+class QTimer;
+class StatusBanner;
+struct CartridgeResult;
+struct ModelSpec;
+
+/// The chat on screen: its messages, the composer, and the one reply at a time, from the
+/// user's message through the script's hooks and the streamed answer to the stored reply,
+/// with the chat's compaction running behind it.
+class ChatSession : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QString composer READ composer WRITE setComposer NOTIFY composerChanged)
+    Q_PROPERTY(bool canSend READ canSend NOTIFY canSendChanged)
+    Q_PROPERTY(bool isGenerating READ isGenerating NOTIFY isGeneratingChanged)
+    Q_PROPERTY(QString liveReply READ liveReply NOTIFY liveReplyChanged)
+    Q_PROPERTY(QString liveDisplay READ liveDisplay NOTIFY liveReplyChanged)
+    Q_PROPERTY(QString title READ title NOTIFY currentChatChanged)
+    Q_PROPERTY(QString agentName READ agentName NOTIFY currentChatChanged)
+    Q_PROPERTY(QString summary READ summary NOTIFY currentChatChanged)
+    Q_PROPERTY(bool isSealed READ isSealed NOTIFY currentChatChanged)
+
+public:
+    ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
+                const ModelsController &models, StatusBanner &status, QObject *parent = nullptr);
+    ~ChatSession() override;
+
+    /// The selected chat's messages, as last read.
+    const QList<Message> &messages() const { return m_messages; }
+    /// The same without the hidden ones.
+    QList<Message> visibleMessages() const;
+    /// Reads the selected chat's messages again.
+    void loadMessages();
+
+    // ---- the selected chat, for the chat pane
+    std::optional<Chat> currentChat() const;
+    QString title() const;
+    /// The assistant's name in the selected chat, or the global one without a chat.
+    QString agentName() const;
+    QString summary() const;
+    bool isSealed() const;
+
+    const QString &composer() const { return m_composer; }
+    void setComposer(const QString &text);
+    /// A chat is selected, no reply is being generated, and there is text to send.
+    bool canSend() const;
+    bool isGenerating() const { return m_generationCancel.has_value(); }
+    const QString &liveReply() const { return m_liveReply; }
+    const QString &liveDisplay() const { return m_liveDisplay; }
+
+    /// Stores the composer's message in the selected chat and starts the reply to it.
+    Q_INVOKABLE void send();
+    /// Starts the one reply task for `chat`; `trigger` is "user" or "reply".
+    void startReply(const Chat &chat, const QString &trigger);
+    /// The user's Stop: the reply ends at "Stopped" and nothing of it is stored.
+    Q_INVOKABLE void stopReply();
+
+    /// What the model saw for an assistant message: {model, prompt, temperature, maxTokens},
+    /// empty when the message has no metadata.
+    Q_INVOKABLE QVariantMap messageMetadata(qint64 messageID);
+
+    /// The context a script's hook receives for `chat` with `history`: its turn, assistant,
+    /// messages and how long the chat has been idle.
+    CartridgeContext cartridgeContext(const Chat &chat, const QList<Message> &history) const;
+
+    Compactor &compactor() { return *m_compactor; }
+
+    /// Empties the composer, the live texts and the messages after erasing all data.
+    void resetAfterErase();
+
+Q_SIGNALS:
+    void composerChanged();
+    void canSendChanged();
+    void isGeneratingChanged();
+    void liveReplyChanged();
+    void messagesChanged();
+    /// The selected chat, its fields or its summary changed.
+    void currentChatChanged();
+
+private:
+    void openSelectedChat();
+    void setGenerating(std::optional<CancellationToken> cancel);
+    void setLiveReply(const QString &reply);
+    QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
+    QCoro::Task<std::optional<CartridgeResult>> generateReply(Chat chat, ModelSpec model, QString trigger,
+                                                              CancellationToken cancel);
+    QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata);
+    /// Whether `source` handles the "reply" hook, asked of its "info" hook once per chat and
+    /// script and remembered for this run.
+    QCoro::Task<bool> handlesReplies(Chat chat, QString source);
+
+    Database &m_database;
+    InferenceEngine &m_inference;
+    ChatTree &m_tree;
+    const AppSettings &m_settings;
+    const ModelsController &m_models;
+    StatusBanner &m_status;
+    Compactor *m_compactor;
+
+    QList<Message> m_messages;
+    /// When the selected chat was opened; a script's idle time counts from it when the chat
+    /// has no message to count from.
+    QDateTime m_chatOpenedAt = QDateTime::currentDateTimeUtc();
+    QString m_composer;
+    QString m_liveReply;
+    QString m_liveDisplay;
+    /// Coalesces `liveReplyChanged` while tokens stream in, so that the view repaints at its
+    /// own pace rather than once per token.
+    QTimer *m_liveReplyTimer;
+    /// Cancels the running reply; present exactly while one runs.
+    std::optional<CancellationToken> m_generationCancel;
+    /// Per chat: the script source last asked, and whether it handles replies.
+    QHash<qint64, std::pair<QString, bool>> m_handlesReplies;
+};

@@ -1,0 +1,241 @@
+// Replies: storing the user's message, the one reply task with its status texts, the prompt
+// and history sent to the local model, streaming, Stop, and storing the assistant's answer.
+#include "app/chat_session.h"
+
+#include "app/app_error.h"
+#include "app/app_settings.h"
+#include "app/chat_tree.h"
+#include "app/compactor.h"
+#include "app/models_controller.h"
+#include "app/reply_context.h"
+#include "app/settings_rules.h"
+#include "app/status_banner.h"
+#include "inference/inference_engine.h"
+#include "scripts/cartridge_engine.h"
+#include "storage/database.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QPointer>
+
+namespace {
+
+const QString s_loading = QStringLiteral("Loading local model…");
+const QString s_runningScript = QStringLiteral("Running script…");
+const QString s_preparing = QStringLiteral("Preparing context…");
+const QString s_generating = QStringLiteral("Generating…");
+const QString s_ready = QStringLiteral("Ready");
+
+/// Ends a task that resumes after its session is gone (the application quit while it
+/// waited): nothing of the session may be touched any more.
+void throwIfGone(const QPointer<ChatSession> &session)
+{
+    if (!session)
+        throw CancelledError();
+}
+
+} // namespace
+
+void ChatSession::send()
+{
+    const std::optional<Chat> chat = m_tree.selectedChat();
+    if (!chat || isGenerating())
+        return;
+    if (!m_models.languageModel()) {
+        m_status.showError(AppError::modelMissing());
+        return;
+    }
+    const QString text = Settings::trimmed(m_composer);
+    if (text.isEmpty())
+        return;
+    Message message;
+    message.chatID = chat->id;
+    message.role = QStringLiteral("user");
+    message.body = text;
+    message.createdAt = QDateTime::currentDateTimeUtc().toString(Qt::ISODate);
+    if (!m_status.attempt([&] { message.id = m_database.addMessage(message); }))
+        return;
+    setComposer(QString());
+    m_messages.append(message);
+    Q_EMIT messagesChanged();
+    startReply(*chat, QStringLiteral("user"));
+}
+
+void ChatSession::startReply(const Chat &chat, const QString &trigger)
+{
+    const std::optional<ModelSpec> model = m_models.languageModel();
+    if (!model) {
+        m_status.showError(AppError::modelMissing());
+        return;
+    }
+    if (isGenerating())
+        return;
+    m_generationCancel = CancellationToken();
+    Q_EMIT isGeneratingChanged();
+    m_liveDisplay.clear();
+    setLiveReply(QString());
+    m_status.show(s_loading);
+    runReply(chat, *model, trigger, *m_generationCancel);
+}
+
+void ChatSession::stopReply()
+{
+    if (m_generationCancel)
+        m_generationCancel->cancel();
+}
+
+QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel)
+{
+    const QPointer<ChatSession> alive(this);
+    std::optional<CartridgeResult> result;
+    try {
+        result = co_await generateReply(chat, model, trigger, cancel);
+    } catch (const std::exception &error) {
+        if (!alive)
+            co_return;
+        // A request torn down by Stop may fail in its own words; the user asked for it.
+        if (cancel.isCancelled())
+            m_status.showError(CancelledError());
+        else
+            m_status.showError(error);
+    }
+    m_liveDisplay.clear();
+    setLiveReply(QString());
+    m_generationCancel.reset();
+    Q_EMIT isGeneratingChanged();
+    // A script's follow-up actions (messages to add, a further reply) run here once scripts
+    // can act; until then a turn result only shapes the reply it belongs to.
+    Q_UNUSED(result);
+}
+
+QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat, ModelSpec model, QString trigger,
+                                                                      CancellationToken cancel)
+{
+    // 1. The model, with image support when the chat holds images and it is installed.
+    const QList<Message> messages = m_database.messages(chat.id);
+    std::optional<QString> projectorPath;
+    if (std::ranges::any_of(messages, [](const Message &m) { return !m.image.isEmpty(); })) {
+        if (const auto projector = m_models.installedProjector(model))
+            projectorPath = m_models.filePath(*projector);
+    }
+    const QPointer<ChatSession> alive(this);
+    m_status.show(s_loading);
+    co_await m_inference.load(m_models.filePath(model), projectorPath, m_settings.contextTokens(), cancel);
+    throwIfGone(alive);
+    cancel.throwIfCancelled();
+
+    // 2. Images are described here once the image store keeps them.
+
+    // 3. The chat's script, for this trigger; its state is kept at once.
+    const QString source = m_tree.cartridgeSource(chat);
+    std::optional<CartridgeResult> result;
+    if (!source.isEmpty()) {
+        m_status.show(s_runningScript);
+        CartridgeContext context = cartridgeContext(chat, messages);
+        context.trigger = trigger;
+        const QString state = m_database.cartridgeState(source, chat.id);
+        result = co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Turn, state);
+        throwIfGone(alive);
+        cancel.throwIfCancelled();
+        if (result->state)
+            m_database.setCartridgeState(*result->state, source, chat.id);
+    }
+
+    // 4. Generation settings, which a script may change for this reply only.
+    const double temperature = result && result->temperature ? *result->temperature : m_settings.temperature();
+    const qint64 maxTokens = result && result->maxTokens ? *result->maxTokens : m_settings.maxResponseTokens();
+    if (result && result->agentName) {
+        m_database.setChatFields({{QStringLiteral("cartridge_agent_name"), *result->agentName}}, {}, chat.id);
+        m_tree.reload();
+        // This reply already speaks with the new name.
+        chat.cartridgeAgentName = *result->agentName;
+    }
+
+    // 5. and 6. The system prompt and the history after the summary.
+    m_status.show(s_preparing);
+    const auto [summary, summaryThroughID] = m_database.chatSummary(chat.id);
+    const QString systemPrompt = ReplyContext::systemPrompt(
+        m_tree.effectivePrompt(chat), result ? result->prompt.value_or(QString()) : QString(), messages, summary);
+    // No image can be read back until the image store keeps them, so every image is
+    // described in words.
+    const ReplyContext::History history = ReplyContext::history(
+        ReplyContext::unsummarized(messages, summaryThroughID),
+        [](const Message &) { return std::optional<ExchangeFormat::LatestImage>(); });
+
+    // 7. Fit, then stream.
+    const QJsonArray request = co_await m_inference.fittedMessages(
+        systemPrompt, history.entries, history.latestImage, m_settings.contextTokens(), maxTokens);
+    throwIfGone(alive);
+    cancel.throwIfCancelled();
+    m_status.show(s_generating);
+    QString reply;
+    co_await m_inference.stream(
+        request, int(maxTokens), temperature,
+        [this, &reply](const QString &token) {
+            reply += token;
+            setLiveReply(reply);
+        },
+        cancel);
+    throwIfGone(alive);
+    cancel.throwIfCancelled();
+
+    // 8. Store what came, if anything did.
+    reply = Settings::trimmed(reply);
+    if (reply.isEmpty()) {
+        if (m_tree.selectedChatID() == chat.id)
+            loadMessages();
+        m_status.show(s_ready);
+        co_return result;
+    }
+    const QJsonObject metadata{{QStringLiteral("model"), model.id},
+                               {QStringLiteral("prompt"), systemPrompt},
+                               {QStringLiteral("temperature"), temperature},
+                               {QStringLiteral("max_tokens"), maxTokens}};
+    co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
+    throwIfGone(alive);
+    m_status.show(s_ready);
+    // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
+    m_compactor->start(chat.id, systemPrompt, maxTokens);
+    co_return result;
+}
+
+QCoro::Task<bool> ChatSession::handlesReplies(Chat chat, QString source)
+{
+    if (const auto known = m_handlesReplies.constFind(chat.id);
+        known != m_handlesReplies.cend() && known->first == source)
+        co_return known->second;
+    const QPointer<ChatSession> alive(this);
+    const CartridgeResult info = co_await CartridgeEngine::evaluate(
+        source, cartridgeContext(chat, {}), CartridgeHook::Info, m_database.cartridgeState(source, chat.id));
+    throwIfGone(alive);
+    const bool handles = info.hasOnReply.value_or(false);
+    m_handlesReplies.insert(chat.id, {source, handles});
+    co_return handles;
+}
+
+QCoro::Task<> ChatSession::saveAgentMessage(QString reply, Chat chat, QString metadata)
+{
+    // A script that handles replies sees the reply once more and may render it.
+    Message message;
+    message.chatID = chat.id;
+    message.role = QStringLiteral("assistant");
+    message.body = reply;
+    const QString source = m_tree.cartridgeSource(chat);
+    const QPointer<ChatSession> alive(this);
+    if (!source.isEmpty() && co_await handlesReplies(chat, source)) {
+        CartridgeContext context = cartridgeContext(chat, m_database.messages(chat.id));
+        context.trigger = QStringLiteral("reply");
+        const QString state = m_database.cartridgeState(source, chat.id);
+        const CartridgeResult rendered =
+            co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);
+        throwIfGone(alive);
+        message.display = rendered.display.value_or(QString());
+        message.data = rendered.data.value_or(QString());
+        if (rendered.state)
+            m_database.setCartridgeState(*rendered.state, source, chat.id);
+    }
+    m_database.addMessage(message, metadata);
+    // Only the chat on screen is re-read; a reply that finishes elsewhere is simply stored.
+    if (m_tree.selectedChatID() == chat.id)
+        loadMessages();
+}
