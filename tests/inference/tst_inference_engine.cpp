@@ -7,7 +7,7 @@
 #include "platform/auxiliary_executable.h"
 
 #include "support/await_task.h"
-#include <QCoro/QCoroTimer>
+
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QNetworkReply>

@@ -2,16 +2,16 @@
 // files and misbehaves on purpose. Every rejected file must leave the models folder as it was
 // and no temporary file behind.
 #include "models/model_store.h"
+#include "support/await_task.h"
 
 #include "../../tools/model_file_server.h"
+
 #include <QCryptographicHash>
 #include <QDir>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
-
-#include "support/await_task.h"
 
 namespace {
 
