@@ -30,21 +30,22 @@ private Q_SLOTS:
 
         awaitTask(engine.load(QStringLiteral("/models/chat.gguf"), std::nullopt, 4096));
         QVERIFY(!engine.hasVision());
-        QVERIFY_THROWS_EXCEPTION(InferenceError, awaitTask(engine.describeImage("jpeg")));
+        try {
+            awaitTask(engine.describeImage("jpeg"));
+            QFAIL("described an image without vision");
+        } catch (const InferenceError &error) {
+            QCOMPARE(error.kind(), InferenceError::Case::VisionUnavailable);
+        }
         QVERIFY(sent.isEmpty());
 
         // The same model with its projector is another server.
         awaitTask(engine.load(QStringLiteral("/models/chat.gguf"), QStringLiteral("/models/vision.gguf"), 4096));
         QVERIFY(engine.hasVision());
         const QByteArray jpeg("\xff\xd8\xff\xe0 not really a picture", 25);
-        const QString description = awaitTask(engine.describeImage(jpeg));
-        QCOMPARE(description, QStringLiteral("A small red boat on a lake."));
-
+        QCOMPARE(awaitTask(engine.describeImage(jpeg)), QStringLiteral("A small red boat on a lake."));
         QCOMPARE(sent.size(), 1);
-        const QJsonObject body = QJsonDocument::fromJson(sent.first()).object();
-        QVERIFY(!body.value(QStringLiteral("stream")).toBool());
-        const QString text = QString::fromUtf8(sent.first());
-        QVERIFY(text.contains(QStringLiteral("data:image/jpeg;base64,") + QString::fromLatin1(jpeg.toBase64())));
+        QVERIFY(!QJsonDocument::fromJson(sent.first()).object().value("stream").toBool());
+        QVERIFY(sent.first().contains("data:image/jpeg;base64," + jpeg.toBase64()));
     }
 };
 

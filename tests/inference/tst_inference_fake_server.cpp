@@ -1,6 +1,6 @@
-// The exchange against a scripted stand-in server, for the faults that the real llama-server
-// cannot be made to show: malformed event lines, pieces split mid-line, refusals and bodies
-// that are not what they should be.
+// The exchange against a scripted stand-in server, for what the real llama-server cannot be
+// made to show: malformed event lines, pieces split mid-line, refusals, bodies that are not
+// what they should be, and summaries that need cleaning up.
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
 #include "scripted_http_server.h"
@@ -48,117 +48,99 @@ private Q_SLOTS:
         m_engine.reset();
     }
 
-    void fakeServerStreamSkipsWhatIsNotAPiece()
+    void streamedPieces_data()
     {
-        m_server->respond(200, {": comment\n\n", "data:{\"choices\":[{\"delta\":{\"content\":\"no space\"}}]}\n",
-                                "data: {not json}\n", "data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n",
-                                piece(" Hel"), piece("lo"), "data: [DONE]\n\n", piece("after done")});
-        QCOMPARE(streamed(), (QStringList{" Hel", "lo"}));
+        QTest::addColumn<QList<QByteArray>>("pieces");
+        QTest::addColumn<int>("pauseMs");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("what is not a piece is skipped")
+            << QList<QByteArray>{": comment\n\n", "event: message\n",
+                                 "data:{\"choices\":[{\"delta\":{\"content\":\"no space\"}}]}\n",
+                                 "data: {not json}\n", "data: [1,2]\n", "data: {\"usage\":{}}\n", "data: {\"choices\":[]}\n",
+                                 "data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n",
+                                 "data: {\"choices\":[{\"delta\":{\"content\":null}}]}\n", "data: [DONE] \n",
+                                 piece(" Hel"), piece("lo\\n"), piece("\\u00e9\u2014"), "data: [DONE]\n\n", piece("after done")}
+            << 0 << QStringList{" Hel", "lo\n", QStringLiteral("é—")};
+        // Pieces arrive with pauses and break lines anywhere, even inside "data: ".
+        QTest::newRow("lines split across pieces")
+            << QList<QByteArray>{"da", "ta: {\"choices\":[{\"delta\":{\"con", "tent\":\"one\"}}]}\n", "\nda",
+                                 "ta: {\"choices\":[{\"delta\":{\"content\":\"two\"}}]}\n\ndata: [DONE]\n"}
+            << 20 << QStringList{"one", "two"};
+        QTest::newRow("ending without [DONE]") << QList<QByteArray>{piece("a"), piece("b")} << 0 << QStringList{"a", "b"};
+    }
+
+    void streamedPieces()
+    {
+        QFETCH(QList<QByteArray>, pieces);
+        QFETCH(int, pauseMs);
+        QFETCH(QStringList, expected);
+        m_server->respond(200, pieces, pauseMs);
+        QCOMPARE(streamed(), expected);
         const auto &request = m_server->requests().first();
         QVERIFY(request.head.startsWith("POST /v1/chat/completions "));
         QVERIFY(request.head.contains("Authorization: Bearer " + m_engine->key().toLatin1()));
         const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-        QCOMPARE(body.value("model").toString(), QStringLiteral("local"));
         QCOMPARE(body.value("stream").toBool(), true);
         QCOMPARE(body.value("max_tokens").toInt(), 16);
     }
 
-    void fakeServerLinesSplitAcrossPieces()
+    void exchanges_data()
     {
-        // Pieces arrive with pauses and break lines anywhere, even inside "data: ".
-        m_server->respond(200, {"da", "ta: {\"choices\":[{\"delta\":{\"con", "tent\":\"one\"}}]}\n", "\nda",
-                                "ta: {\"choices\":[{\"delta\":{\"content\":\"two\"}}]}\n\ndata: [DONE]\n"},
-                          20);
-        QCOMPARE(streamed(), (QStringList{"one", "two"}));
-    }
-
-    void fakeServerStreamEndingWithoutDone()
-    {
-        m_server->respond(200, {piece("a"), piece("b")});
-        QCOMPARE(streamed(), (QStringList{"a", "b"}));
-    }
-
-    void fakeServerOnlyCommentsAndDone()
-    {
-        m_server->respond(200, {": hello\n", "\n", "data: [DONE]\n"});
-        QCOMPARE(streamed(), QStringList());
-    }
-
-    void fakeServerRefusals_data()
-    {
-        QTest::addColumn<int>("status");
-        QTest::newRow("busy") << 503;
-        QTest::newRow("wrong key") << 401;
-        QTest::newRow("too long") << 400;
-    }
-
-    void fakeServerRefusals()
-    {
-        QFETCH(int, status);
-        m_server->respond(status, {"{\"error\":\"no\"}"});
-        try {
-            streamed();
-            QFAIL("expected a refusal");
-        } catch (const InferenceError &error) {
-            QCOMPARE(error.kind(), InferenceError::Case::RequestFailed);
-            QCOMPARE(error.description(), QStringLiteral("The local model rejected the request (HTTP %1)").arg(status));
-        }
-        m_server->respond(status, {"{}"});
-        QVERIFY_THROWS_EXCEPTION(InferenceError, awaitTask(m_engine->summarize("", "user: hi", 64)));
-    }
-
-    void fakeServerBodies_data()
-    {
+        QTest::addColumn<QString>("call");
+        QTest::addColumn<int>("status"); // 0: nobody listening
         QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<bool>("invalidResponse"); // else the JSON parser's own error
-        QTest::newRow("not JSON") << QByteArray("<html>") << false;
-        QTest::newRow("array") << QByteArray("[]") << true;
-        QTest::newRow("no prompt") << QByteArray("{\"text\":\"x\"}") << true;
-        QTest::newRow("prompt not text") << QByteArray("{\"prompt\":3}") << true;
+        QTest::addColumn<QString>("expected"); // the text, the error's description, or "transport" for Qt's own
+        const QString invalid = QStringLiteral("The local model returned an invalid response");
+        const QString refused = QStringLiteral("The local model rejected the request (HTTP %1)");
+        QTest::newRow("reply refused: busy") << "stream" << 503 << QByteArray("{\"error\":\"no\"}") << refused.arg(503);
+        QTest::newRow("reply refused: wrong key") << "stream" << 401 << QByteArray() << refused.arg(401);
+        QTest::newRow("summary refused: too long") << "summary" << 400 << QByteArray("{}") << refused.arg(400);
+        // A summary comes back trimmed, without the paragraphs the model repeated.
+        const auto summary = [](const char *content) {
+            return QJsonDocument(QJsonObject{{"choices", QJsonArray{QJsonObject{{"message", QJsonObject{{"content", content}}}}}}})
+                .toJson();
+        };
+        QTest::newRow("summary: surrounding blanks") << "summary" << 200 << summary(" \n Hi there.\n") << "Hi there.";
+        QTest::newRow("summary: only blanks") << "summary" << 200 << summary(" \n ") << "";
+        QTest::newRow("summary: repeat dropped") << "summary" << 200 << summary("A\n\n B \n\n\tA \n\nC") << "A\n\nB\n\nC";
+        QTest::newRow("summary: line breaks inside kept") << "summary" << 200 << summary("A\nB\n\nA\nB") << "A\nB";
+        QTest::newRow("summary: empty paragraphs kept once") << "summary" << 200 << summary("A\n\n\n\n\n\nB") << "A\n\n\n\nB";
+        QTest::newRow("summary: no choices") << "summary" << 200 << QByteArray("{}") << invalid;
+        QTest::newRow("summary: choices empty") << "summary" << 200 << QByteArray("{\"choices\":[]}") << invalid;
+        QTest::newRow("summary: no message") << "summary" << 200 << QByteArray("{\"choices\":[{}]}") << invalid;
+        QTest::newRow("summary: content not text")
+            << "summary" << 200 << QByteArray("{\"choices\":[{\"message\":{\"content\":5}}]}") << invalid;
+        QTest::newRow("count: not JSON") << "count" << 200 << QByteArray("<html>") << "transport";
+        QTest::newRow("count: array") << "count" << 200 << QByteArray("[]") << invalid;
+        QTest::newRow("count: no prompt") << "count" << 200 << QByteArray("{\"text\":\"x\"}") << invalid;
+        QTest::newRow("count: prompt not text") << "count" << 200 << QByteArray("{\"prompt\":3}") << invalid;
+        QTest::newRow("count: nobody listening") << "count" << 0 << QByteArray() << "transport";
     }
 
-    void fakeServerBodies()
+    void exchanges()
     {
+        QFETCH(QString, call);
+        QFETCH(int, status);
         QFETCH(QByteArray, body);
-        QFETCH(bool, invalidResponse);
-        m_server->respond(200, {body});
-        const QJsonArray messages{QJsonObject{{"role", "user"}, {"content", "hi"}}};
+        QFETCH(QString, expected);
+        if (status)
+            m_server->respond(status, {body});
+        else
+            m_server.reset();
+        QString outcome;
         try {
-            awaitTask(m_engine->tokenCount(messages));
-            QFAIL("expected an error");
-        } catch (const InferenceError &error) {
-            QVERIFY(invalidResponse);
-            QCOMPARE(error.description(), QStringLiteral("The local model returned an invalid response"));
-        } catch (const SystemError &error) {
-            QVERIFY(!invalidResponse);
-            QVERIFY(!error.description().isEmpty());
+            if (call == QLatin1String("stream"))
+                outcome = streamed().join(QLatin1Char('|'));
+            else if (call == QLatin1String("count"))
+                outcome = QString::number(awaitTask(m_engine->tokenCount({QJsonObject{{"role", "user"}, {"content", "hi"}}})));
+            else
+                outcome = awaitTask(m_engine->summarize("", "user: hi", 64));
+        } catch (const InferenceError &e) {
+            outcome = e.description();
+        } catch (const SystemError &) {
+            outcome = QStringLiteral("transport");
         }
-    }
-
-    void fakeServerSummaryIsCleanedUp()
-    {
-        m_server->respond(200, {R"({"choices":[{"message":{"content":"  A \n\n B\n\nA\n\nC \n"}}]})"});
-        QCOMPARE(awaitTask(m_engine->summarize("", "user: hi", 64)), QStringLiteral("A\n\nB\n\nC"));
-    }
-
-    void unreachableServerIsATransportError()
-    {
-        m_server.reset();
-        const QJsonArray messages{QJsonObject{{"role", "user"}, {"content", "hi"}}};
-        QVERIFY_THROWS_EXCEPTION(SystemError, awaitTask(m_engine->tokenCount(messages)));
-    }
-
-    void describingAnImageWithoutVisionSendsNothing()
-    {
-        m_server->respond(200, {"{}"});
-        try {
-            awaitTask(m_engine->describeImage("jpeg"));
-            QFAIL("expected an error");
-        } catch (const InferenceError &error) {
-            QCOMPARE(error.kind(), InferenceError::Case::VisionUnavailable);
-            QCOMPARE(error.description(), QStringLiteral("The local model could not load its vision support"));
-        }
-        QVERIFY(m_server->requests().isEmpty());
+        QCOMPARE(outcome, expected);
     }
 };
 

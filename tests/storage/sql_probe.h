@@ -36,12 +36,6 @@ inline QStringList rows(sqlite3 *db, const QString &sql)
     return result;
 }
 
-/// The first row of `sql`, or "" when there is none.
-inline QString value(sqlite3 *db, const QString &sql)
-{
-    return rows(db, sql).value(0);
-}
-
 /// A new database file for each test function, all in one temporary folder.
 class FreshDatabase
 {

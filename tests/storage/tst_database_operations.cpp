@@ -4,10 +4,7 @@
 #include "vault/fingerprint.h"
 
 #include <QFile>
-#include "support/database_rows.h"
-
 #include <QTest>
-
 
 using namespace SqlProbe;
 
@@ -24,16 +21,6 @@ private:
 private Q_SLOTS:
     void init() { m_db = &m_file.open(); }
     void cleanup() { m_file.close(); }
-
-    void settings()
-    {
-        QCOMPARE(m_db->setting("unknown"), std::nullopt);
-        m_db->setSetting("empty", "");
-        QCOMPARE(m_db->setting("empty"), std::optional<QString>(""));
-        m_db->setSetting("theme", "light");
-        m_db->setSetting("theme", "dark");
-        QCOMPARE(query("SELECT * FROM settings ORDER BY key"), QStringList({"empty|", "theme|dark"}));
-    }
 
     void deletingAFolderRemovesEverythingBelowIt()
     {
@@ -69,34 +56,6 @@ private Q_SLOTS:
         QCOMPARE(m_db->messageIDs(chat), ids.mid(30));
         QCOMPARE(m_db->search(QStringLiteral("heron")).size(), 10);
         QCOMPARE(query(QStringLiteral("SELECT count(*) FROM message_search")), QStringList{"10"});
-    }
-
-    void chatsAndMessagesReadBack()
-    {
-        const qint64 older = m_db->addChat(1, "First");
-        const qint64 newer = m_db->addChat(1, "Second");
-        const qint64 a = addMessage(*m_db, older, "one");
-        const qint64 b = addMessage(*m_db, older, "two", true, "shown");
-        QCOMPARE(m_db->chats().first().id, newer);
-        QVERIFY(!m_db->chats().first().cartridgeFolderID.has_value());
-        const QList<Message> messages = m_db->messages(older);
-        QCOMPARE(messages.size(), 2);
-        QVERIFY(messages[0].id == a && messages[1].id == b && messages[1].hidden);
-        QCOMPARE(messages[1].display, "shown");
-        QVERIFY(m_db->hasMessages(older) && !m_db->hasMessages(newer));
-        QVERIFY(m_db->messages(12345).isEmpty());
-    }
-
-    void setChatFieldsIsOneUpdate()
-    {
-        const qint64 chat = m_db->addChat(1, "Long");
-        {
-            StatementLog log(m_db->handle());
-            m_db->setChatSummary("They met.", 42, chat);
-            QCOMPARE(log.statements().filter("UPDATE"), QStringList({"UPDATE chats SET summary=?, summary_through_id=? WHERE id=?"}));
-        }
-        QCOMPARE(m_db->chatSummary(chat), std::make_pair(QString("They met."), qint64(42)));
-        QCOMPARE(m_db->chatSummary(999), std::make_pair(QString(), qint64(0)));
     }
 
     void cartridgeStateBelongsToItsScript_data()

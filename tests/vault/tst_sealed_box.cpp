@@ -34,7 +34,6 @@ private Q_SLOTS:
         QTest::addColumn<SealedBoxError::Case>("expected");
         const auto failed = SealedBoxError::Case::AuthenticationFailed;
         QTest::newRow("nonce changed") << 0 << -1 << failed;
-        QTest::newRow("ciphertext changed") << 12 << -1 << failed;
         QTest::newRow("tag changed") << 32 << -1 << failed;
         QTest::newRow("shorter than nonce and tag") << -1 << 27 << SealedBoxError::Case::Malformed;
         QTest::newRow("other key") << -1 << -1 << failed;
@@ -59,20 +58,10 @@ private Q_SLOTS:
         }
     }
 
-    void fingerprint_data()
+    void fingerprintIsTheSha256OfTheUtf8Text()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("empty") << QString() << "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
-        QTest::newRow("ascii") << "abc" << "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-        QTest::newRow("UTF-8") << QStringLiteral("é") << "4a99557e4033c3539de2eb65472017cad5f9557f7a0625a09f1c3f6e2ba69c4c";
-    }
-
-    void fingerprint()
-    {
-        QFETCH(QString, text);
-        QFETCH(QString, expected);
-        QCOMPARE(::fingerprint(text), expected);
+        // Stored beside saved script state: it must never change.
+        QCOMPARE(::fingerprint(QStringLiteral("é")), "4a99557e4033c3539de2eb65472017cad5f9557f7a0625a09f1c3f6e2ba69c4c");
     }
 };
 
