@@ -42,11 +42,14 @@ QCoro::Task<bool> AppModel::eraseAll()
         // page keeps old text. A million messages take seconds, so this runs on a worker
         // thread with a connection of its own while the window stays live; this model's
         // connection is left alone until it is done.
+        // The work is a named local: g++ 12 destroys a temporary inside a co_await
+        // expression twice.
         const QString path = m_supportDirectory + QStringLiteral("/chats.sqlite");
-        co_await onWorkerThread<bool>([path] {
+        auto erase = [path] {
             Database::eraseFile(path);
             return true;
-        });
+        };
+        co_await onWorkerThread<bool>(std::move(erase));
     } catch (const std::exception &error) {
         if (!alive)
             co_return false;
