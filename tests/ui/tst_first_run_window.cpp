@@ -2,6 +2,7 @@
 // while no chat model is installed. A picture of it is saved under build/test-output/.
 #include "app/app_model.h"
 #include "qml_types.h"
+#include "window_test_support.h"
 
 #include <QDir>
 #include <QGuiApplication>
@@ -16,20 +17,6 @@
 
 Q_IMPORT_QML_PLUGIN(CorvanePlugin)
 
-namespace {
-
-// Items that a Loader creates are reachable through the visual tree, not QObject children.
-QQuickItem *findItem(QQuickItem *root, const QString &objectName)
-{
-    if (root->objectName() == objectName)
-        return root;
-    for (QQuickItem *child : root->childItems())
-        if (QQuickItem *found = findItem(child, objectName))
-            return found;
-    return nullptr;
-}
-
-} // namespace
 
 class TestFirstRunWindow : public QObject
 {
@@ -77,53 +64,41 @@ private Q_SLOTS:
         QFETCH(QString, objectName);
         QFETCH(QString, text);
         QCOMPARE(m_window->title(), QStringLiteral("Corvane"));
-        QQuickItem *item = findItem(m_window->contentItem(), objectName);
+        QQuickItem *item = findItem(m_window, objectName);
         QVERIFY2(item, qPrintable(objectName));
         QCOMPARE(item->property("text").toString(), text);
         QVERIFY(item->isVisible());
         QVERIFY(item->width() > 0 && item->height() > 0);
     }
 
-    void savesAPictureThatShowsText()
-    {
-        const QImage image = m_window->grabWindow();
-        QVERIFY(!image.isNull());
-        QVERIFY(QDir().mkpath(QStringLiteral(CORVANE_TEST_OUTPUT_DIR)));
-        QVERIFY(image.save(QStringLiteral(CORVANE_TEST_OUTPUT_DIR "/first-run.png")));
-        // Text was drawn: dark pixels on the light window background.
-        int dark = 0;
-        for (int y = 0; y < image.height(); y += 2)
-            for (int x = 0; x < image.width(); x += 2)
-                dark += qGray(image.pixel(x, y)) < 100;
-        QVERIFY2(dark > 200, qPrintable(QString::number(dark)));
-    }
+    void savesAPictureThatShowsText() { savePicture(m_window, QStringLiteral("first-run.png"), 0); }
 
     void offersEveryChatModel()
     {
-        QQuickItem *list = findItem(m_window->contentItem(), QStringLiteral("firstRunModelList"));
+        QQuickItem *list = findItem(m_window, QStringLiteral("firstRunModelList"));
         QVERIFY(list);
         QCOMPARE(list->property("count").toInt(), 8);
         // Nothing downloads yet, so there is no progress to show.
-        QVERIFY(!findItem(m_window->contentItem(), QStringLiteral("firstRunProgress"))->isVisible());
+        QVERIFY(!findItem(m_window, QStringLiteral("firstRunProgress"))->isVisible());
     }
 
     void skippingShowsTheChats()
     {
-        QQuickItem *skip = findItem(m_window->contentItem(), QStringLiteral("firstRunSkip"));
+        QQuickItem *skip = findItem(m_window, QStringLiteral("firstRunSkip"));
         QVERIFY(skip);
         QVERIFY(QMetaObject::invokeMethod(skip, "clicked"));
-        QTRY_VERIFY(findItem(m_window->contentItem(), QStringLiteral("noChatSelected")));
-        QVERIFY(!findItem(m_window->contentItem(), QStringLiteral("firstRunTitle")));
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("noChatSelected")));
+        QTRY_VERIFY(!findItem(m_window, QStringLiteral("firstRunTitle")));
     }
 
     void aChatWithoutAModelAsksForOne()
     {
         m_model->tree()->addChat(-1);
-        QQuickItem *heading = findItem(m_window->contentItem(), QStringLiteral("emptyChatHeading"));
+        QQuickItem *heading = findItem(m_window, QStringLiteral("emptyChatHeading"));
         QVERIFY(heading);
         QTRY_VERIFY(heading->isVisible());
         QCOMPARE(heading->property("text").toString(), QStringLiteral("Install a chat model"));
-        QCOMPARE(findItem(m_window->contentItem(), QStringLiteral("emptyChatText"))->property("text").toString(),
+        QCOMPARE(findItem(m_window, QStringLiteral("emptyChatText"))->property("text").toString(),
                  QStringLiteral("Corvane needs a chat model on this computer before it can reply."));
     }
 
