@@ -63,9 +63,16 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_tree->startPurge();
 }
 
-// Running tasks see their cancellation and stop at their next await; the areas go before the
-// services they use.
-AppModel::~AppModel() = default;
+AppModel::~AppModel()
+{
+    // Work is stopped while every area is still there, since a cancelled request may end at
+    // once and report to the others. Tasks that wake later find their area gone and end; the
+    // areas go before the services they use.
+    m_chat->stopReply();
+    m_chat->compactor().cancel();
+    m_tree->cancelPurge();
+    m_models->cancelInstall();
+}
 
 bool AppModel::isBusy() const
 {
