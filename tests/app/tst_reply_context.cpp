@@ -1,11 +1,7 @@
-// The rules by which stored messages become a summary's transcript and a compaction's limits.
+// The rules by which stored messages become a summary's transcript and what a reply still sends.
 #include "app/reply_context.h"
 
 #include <QTest>
-
-using ReplyContext::CompactionLimits;
-
-Q_DECLARE_METATYPE(CompactionLimits)
 
 namespace {
 
@@ -28,30 +24,6 @@ class TestReplyContext : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void compactionLimits_data()
-    {
-        QTest::addColumn<qint64>("context");
-        QTest::addColumn<qint64>("reply");
-        QTest::addColumn<CompactionLimits>("expected");
-        QTest::newRow("4K context, 1,024 reply")
-            << qint64(4096) << qint64(1024)
-            << CompactionLimits{.budget = 3040, .trigger = 2280, .keep = 1216, .fold = 1520, .summary = 380};
-        QTest::newRow("64K context: the summary limit caps at 1,024")
-            << qint64(65536) << qint64(300)
-            << CompactionLimits{.budget = 65204, .trigger = 48903, .keep = 26081, .fold = 32602, .summary = 1024};
-        QTest::newRow("odd budget rounds down") << qint64(4096) << qint64(2049)
-                                                << CompactionLimits{.budget = 2015, .trigger = 1511, .keep = 806,
-                                                                    .fold = 1007, .summary = 251};
-    }
-
-    void compactionLimits()
-    {
-        QFETCH(qint64, context);
-        QFETCH(qint64, reply);
-        QFETCH(CompactionLimits, expected);
-        QCOMPARE(CompactionLimits::of(context, reply), expected);
-    }
-
     void transcript()
     {
         const QList<Message> messages{
