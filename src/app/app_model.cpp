@@ -34,13 +34,23 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
                                                [this] { return m_chat->isGenerating(); });
     m_models = std::make_unique<ModelsController>(*m_modelStore, *m_settings, *m_status);
     m_models->normalizeSelections();
-    m_locks = std::make_unique<FolderLocks>(*m_database);
 
     // 5. The tree, with folders and chats deleted in an earlier run hidden until their rows
-    //    are gone; nothing is deleted under a running reply.
-    m_tree = std::make_unique<ChatTree>(*m_database, *m_settings, *m_locks, *m_status,
-                                        [this] { return m_chat->isGenerating(); });
-    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status);
+    //    are gone, and locked folders with the vault record. Nothing is deleted under a
+    //    running reply or while rows are being sealed.
+    m_tree = std::make_unique<ChatTree>(
+        *m_database, *m_settings, *m_status,
+        ChatTree::Rules{
+            .editsBlocked = [this] { return isStorageBusy(); },
+            .deletionBlocked = [this] { return m_chat->isGenerating() || isStorageBusy(); },
+            .isOpen = [this](qint64 id) { return m_locks->isOpen(id); },
+            .sealingFolder = [this] { return m_locks->sealingFolderID(); },
+            .requestUnlock = [this](qint64 id) { m_locks->requestUnlock(id); },
+        });
+    m_locks = std::make_unique<FolderLocks>(*m_database, m_supportDirectory + QStringLiteral("/chats.sqlite"),
+                                            *m_tree, *m_status);
+    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status,
+                                           [this] { return isStorageBusy(); });
 
     // The rules between areas.
     connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {
@@ -52,15 +62,23 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         m_chat->compactor().cancel();
     });
     connect(m_chat.get(), &ChatSession::isGeneratingChanged, this, &AppModel::activityChanged);
+    connect(m_locks.get(), &FolderLocks::workingChanged, this, &AppModel::activityChanged);
+    connect(m_locks.get(), &FolderLocks::keyForgotten, this, [this] {
+        // Nothing may go on writing to a sealed chat without the key.
+        m_chat->stopReply();
+        m_chat->compactor().cancel();
+    });
     connect(m_models.get(), &ModelsController::busyChanged, this, &AppModel::activityChanged);
     connect(this, &AppModel::activityChanged, this, &AppModel::readinessChanged);
     connect(m_status.get(), &StatusBanner::changed, this, &AppModel::readinessChanged);
     connect(m_models.get(), &ModelsController::installedChanged, this, &AppModel::readinessChanged);
     connect(m_settings.get(), &AppSettings::changed, this, &AppModel::readinessChanged);
 
-    // 6. The first chat that is not sealed, and the removal of what an earlier run deleted.
+    // 6. The first chat that is not sealed, the removal of what an earlier run deleted, and the
+    //    scrub of a lock change that quitting cut short.
     m_tree->selectFirstOpenChat();
     m_tree->startPurge();
+    m_locks->scrubIfNeeded();
 }
 
 AppModel::~AppModel()
@@ -76,7 +94,7 @@ AppModel::~AppModel()
 
 bool AppModel::isBusy() const
 {
-    return m_chat->isGenerating() || m_models->isBusy() || m_isErasing;
+    return m_chat->isGenerating() || m_models->isBusy() || m_isErasing || m_locks->isSealing();
 }
 
 Readiness::Value AppModel::readiness() const
@@ -87,6 +105,11 @@ Readiness::Value AppModel::readiness() const
         .hasLanguageModel = m_models->languageModel().has_value(),
         .modelsMissing = !m_models->missingModels().isEmpty(),
     });
+}
+
+bool AppModel::isStorageBusy() const
+{
+    return m_isErasing || m_locks->isSealing();
 }
 
 void AppModel::setErasing(bool erasing)

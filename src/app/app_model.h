@@ -78,6 +78,8 @@ Q_SIGNALS:
 
 private:
     void setErasing(bool erasing);
+    /// Another connection is writing (erasing, sealing): this one must not write meanwhile.
+    bool isStorageBusy() const;
 
     QString m_supportDirectory;
     QString m_modelsDirectory;
@@ -90,8 +92,8 @@ private:
     std::unique_ptr<StatusBanner> m_status;
     std::unique_ptr<AppSettings> m_settings;
     std::unique_ptr<ModelsController> m_models;
-    std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatTree> m_tree;
+    std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatSession> m_chat;
     bool m_isErasing = false;
 };

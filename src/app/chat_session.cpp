@@ -13,7 +13,8 @@
 #include <QTimer>
 
 ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
-                         const ModelsController &models, StatusBanner &status, QObject *parent)
+                         const ModelsController &models, StatusBanner &status, std::function<bool()> storageBusy,
+                         QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_inference(inference)
@@ -21,6 +22,7 @@ ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTre
     , m_settings(settings)
     , m_models(models)
     , m_status(status)
+    , m_storageBusy(std::move(storageBusy))
     , m_compactor(new Compactor(database, inference, settings, this))
     , m_liveReplyTimer(new QTimer(this))
 {
@@ -110,7 +112,8 @@ void ChatSession::setComposer(const QString &text)
 
 bool ChatSession::canSend() const
 {
-    return m_tree.selectedChatID() != ChatTree::none && !isGenerating() && !Settings::trimmed(m_composer).isEmpty();
+    return m_tree.selectedChatID() != ChatTree::none && !isGenerating() && !m_storageBusy()
+           && !Settings::trimmed(m_composer).isEmpty();
 }
 
 void ChatSession::setLiveReply(const QString &reply)

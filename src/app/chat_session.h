@@ -11,6 +11,7 @@
 
 #include <QCoro/QCoroTask>
 
+#include <functional>
 #include <optional>
 
 class AppSettings;
@@ -41,8 +42,10 @@ class ChatSession : public QObject
     Q_PROPERTY(bool isSealed READ isSealed NOTIFY currentChatChanged)
 
 public:
+    /// `storageBusy` answers whether another connection is writing, so that nothing is sent.
     ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
-                const ModelsController &models, StatusBanner &status, QObject *parent = nullptr);
+                const ModelsController &models, StatusBanner &status, std::function<bool()> storageBusy,
+                QObject *parent = nullptr);
     ~ChatSession() override;
 
     /// The selected chat's messages, as last read.
@@ -62,7 +65,8 @@ public:
 
     const QString &composer() const { return m_composer; }
     void setComposer(const QString &text);
-    /// A chat is selected, no reply is being generated, and there is text to send.
+    /// A chat is selected, no reply is being generated, nothing else writes, and there is
+    /// text to send.
     bool canSend() const;
     bool isGenerating() const { return m_generationCancel.has_value(); }
     const QString &liveReply() const { return m_liveReply; }
@@ -115,6 +119,7 @@ private:
     const AppSettings &m_settings;
     const ModelsController &m_models;
     StatusBanner &m_status;
+    std::function<bool()> m_storageBusy;
     Compactor *m_compactor;
 
     QList<Message> m_messages;

@@ -39,7 +39,7 @@ void throwIfGone(const QPointer<ChatSession> &session)
 void ChatSession::send()
 {
     const std::optional<Chat> chat = m_tree.selectedChat();
-    if (!chat || isGenerating())
+    if (!chat || isGenerating() || m_storageBusy())
         return;
     if (!m_models.languageModel()) {
         m_status.showError(AppError::modelMissing());

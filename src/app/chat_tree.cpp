@@ -2,7 +2,6 @@
 #include "app/chat_tree.h"
 
 #include "app/app_settings.h"
-#include "app/folder_locks.h"
 #include "app/settings_rules.h"
 #include "app/status_banner.h"
 #include "storage/database.h"
@@ -16,14 +15,13 @@ std::optional<Node> copyOf(const Node *node)
 
 } // namespace
 
-ChatTree::ChatTree(Database &database, const AppSettings &settings, FolderLocks &locks, StatusBanner &status,
-                   std::function<bool()> replyRunning, QObject *parent)
+ChatTree::ChatTree(Database &database, const AppSettings &settings, StatusBanner &status, Rules rules,
+                   QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_settings(settings)
-    , m_locks(locks)
     , m_status(status)
-    , m_replyRunning(std::move(replyRunning))
+    , m_rules(std::move(rules))
 {
     m_deletions.load(m_database);
     reload();
@@ -175,19 +173,43 @@ std::optional<Node> ChatTree::lockedFolder(const Node &node) const
 
 bool ChatTree::isLockedAway(const Node &node) const
 {
+    // A folder being locked is away already, with everything below it.
+    if (const auto sealing = m_rules.sealingFolder()) {
+        const QList<const Node *> chain = m_tree.chain(node.id);
+        if (std::ranges::any_of(chain, [&](const Node *n) { return n->id == *sealing; }))
+            return true;
+    }
     if (!node.isSealed)
         return false;
     // A sealed folder with no locked folder above it cannot be opened: it stays away.
     const Node *locked = m_tree.lockedFolder(node);
-    return !locked || !m_locks.isUnlocked(locked->id);
+    return !locked || !m_rules.isOpen(locked->id);
 }
 
 bool ChatTree::isLockedAway(const Chat &chat) const
 {
-    if (!chat.isSealed)
-        return false;
     const Node *node = m_tree.find(chat.nodeID);
+    if (!chat.isSealed)
+        return node && m_rules.sealingFolder() && isLockedAway(*node);
     return !node || isLockedAway(*node);
+}
+
+void ChatTree::hideLockedAway()
+{
+    const auto chat = selectedChat();
+    const bool chatAway = chat && isLockedAway(*chat);
+    qint64 nodeID = m_selectedNodeID;
+    if (const Node *node = m_tree.find(m_selectedNodeID); node && isLockedAway(*node)) {
+        // The folder that keeps it away stays selected: the one locked, or the one locking.
+        const Node *locked = m_tree.lockedFolder(*node);
+        const Node *sealing = m_tree.find(m_rules.sealingFolder());
+        nodeID = locked ? locked->id : sealing ? sealing->id : none;
+    }
+    if (!chatAway && nodeID == m_selectedNodeID)
+        return;
+    setSelection(chatAway ? none : m_selectedChatID, nodeID);
+    if (chatAway)
+        Q_EMIT chatOpened();
 }
 
 bool ChatTree::raiseUnlockIfLockedAway(std::optional<qint64> nodeID)
@@ -196,6 +218,6 @@ bool ChatTree::raiseUnlockIfLockedAway(std::optional<qint64> nodeID)
     if (!node || !isLockedAway(*node))
         return false;
     if (const Node *locked = m_tree.lockedFolder(*node))
-        m_locks.requestUnlock(locked->id);
+        m_rules.requestUnlock(locked->id);
     return true;
 }

@@ -17,7 +17,6 @@
 
 class AppSettings;
 class Database;
-class FolderLocks;
 class StatusBanner;
 
 /// The folder tree and its chats as last loaded, the selection, what chats inherit from their
@@ -36,10 +35,24 @@ public:
     /// The id of no folder or chat, as the window passes and reads it.
     static constexpr qint64 none = -1;
 
-    /// Loads the deletion queue and the tree. `replyRunning` answers whether a reply is being
-    /// generated, during which nothing can be deleted.
-    ChatTree(Database &database, const AppSettings &settings, FolderLocks &locks, StatusBanner &status,
-             std::function<bool()> replyRunning, QObject *parent = nullptr);
+    /// What the tree asks of the rest of the application.
+    struct Rules
+    {
+        /// Whether nothing may be written now: another connection writes (rows are sealed).
+        std::function<bool()> editsBlocked;
+        /// Whether nothing may be deleted now: a reply is being generated, or edits are blocked.
+        std::function<bool()> deletionBlocked;
+        /// Whether the locked folder with this id was opened in this run.
+        std::function<bool(qint64)> isOpen;
+        /// The folder whose lock is changing now: it is hidden with everything below it.
+        std::function<std::optional<qint64>()> sealingFolder;
+        /// Asks for the password of a locked folder.
+        std::function<void(qint64)> requestUnlock;
+    };
+
+    /// Loads the deletion queue and the tree.
+    ChatTree(Database &database, const AppSettings &settings, StatusBanner &status, Rules rules,
+             QObject *parent = nullptr);
     ~ChatTree() override;
 
     // ---- what is loaded
@@ -80,6 +93,9 @@ public:
     bool isLockedAway(const Node &node) const;
     /// A sealed chat whose locked folder is not open in this run.
     bool isLockedAway(const Chat &chat) const;
+    /// Drops the selection of a chat that is locked away, and moves the folder selection out
+    /// of a closed locked folder onto that folder.
+    void hideLockedAway();
 
     // ---- commands
     /// Selects a chat and its folder; a chat that is locked away is not selected.
@@ -153,9 +169,8 @@ private:
 
     Database &m_database;
     const AppSettings &m_settings;
-    FolderLocks &m_locks;
     StatusBanner &m_status;
-    std::function<bool()> m_replyRunning;
+    Rules m_rules;
 
     FolderTree m_tree;
     QList<Chat> m_chats;

@@ -20,7 +20,7 @@ std::optional<qint64> idOrNone(qint64 id)
 template <typename Work>
 void ChatTree::change(Work &&work)
 {
-    if (m_status.attempt(std::forward<Work>(work)))
+    if (!m_rules.editsBlocked() && m_status.attempt(std::forward<Work>(work)))
         reload();
 }
 
@@ -50,7 +50,7 @@ void ChatTree::selectFirstOpenChat()
 qint64 ChatTree::addFolder(qint64 parentID)
 {
     const std::optional<qint64> parent = idOrNone(parentID);
-    if (raiseUnlockIfLockedAway(parent))
+    if (m_rules.editsBlocked() || raiseUnlockIfLockedAway(parent))
         return none;
     qint64 id = none;
     if (!m_status.attempt([&] { id = m_database.addNode(parent, QStringLiteral("folder"), s_newFolderName); }))
@@ -65,7 +65,7 @@ void ChatTree::addChat(qint64 folderID)
         folderID = m_selectedNodeID;
     if (folderID == none && !nodes().isEmpty())
         folderID = nodes().first().id;
-    if (folderID == none || raiseUnlockIfLockedAway(folderID))
+    if (folderID == none || m_rules.editsBlocked() || raiseUnlockIfLockedAway(folderID))
         return;
     qint64 id = none;
     if (!m_status.attempt([&] { id = m_database.addChat(folderID, s_newChatTitle); }))
@@ -91,7 +91,7 @@ void ChatTree::renameChat(qint64 id, const QString &title)
 void ChatTree::moveSelectedChat(qint64 folderID)
 {
     const qint64 chatID = m_selectedChatID;
-    if (chatID == none || !m_tree.find(folderID))
+    if (chatID == none || !m_tree.find(folderID) || m_rules.editsBlocked())
         return;
     if (!m_status.attempt([&] { m_database.moveChat(chatID, folderID); }))
         return;

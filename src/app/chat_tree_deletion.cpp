@@ -34,7 +34,7 @@ constexpr int s_mergePages = 200;
 
 void ChatTree::deleteChat(qint64 id)
 {
-    if (m_replyRunning() || !chat(id))
+    if (m_rules.deletionBlocked() || !chat(id))
         return;
     if (!m_status.attempt([&] { m_deletions.add(m_database, {DeletionQueue::Kind::chat, id}); }))
         return;
@@ -46,7 +46,7 @@ void ChatTree::deleteChat(qint64 id)
 
 void ChatTree::deleteFolder(qint64 id)
 {
-    if (m_replyRunning() || !m_tree.find(id))
+    if (m_rules.deletionBlocked() || !m_tree.find(id))
         return;
     if (!m_status.attempt([&] { m_deletions.add(m_database, {DeletionQueue::Kind::folder, id}); }))
         return;

@@ -161,6 +161,28 @@ public:
     /// Gives a chat and all its messages the sealed state `to`; the search index follows.
     void resealChat(qint64 chatID, bool to);
 
+    /// Locks (`locked` true) or unlocks one folder: it and everything below it take the new
+    /// sealed state, their texts re-encrypted, their messages out of or back in the search
+    /// index, all in one transaction. A folder inside a locked folder cannot be locked by
+    /// itself, and unlocking a folder the user did not lock changes nothing. Inner locks are
+    /// absorbed. `progress` hears how many of the subtree's messages are done. Needs the
+    /// vault key (VaultError::locked() otherwise); any failure rolls everything back. Leaves
+    /// the scrub marker (`scrubPendingKey`) in the same transaction: the caller scrubs.
+    void setFolderLocked(qint64 folderID, bool locked,
+                         const std::function<void(qint64 done, qint64 total)> &progress = {});
+    /// `setFolderLocked` through a connection of its own holding `key`, so that it can run on
+    /// a worker thread while the application's connection only reads, then `scrubFile`.
+    static void setFolderLockedInFile(const QString &filePath, const VaultKey &key, qint64 folderID, bool locked,
+                                      const std::function<void(qint64 done, qint64 total)> &progress = {});
+    /// Leaves no former plain text in the file, its write-ahead log or the search index:
+    /// merges the index (its 'secure-delete' purges removed rows), rewrites the file, and
+    /// truncates the log; then drops the scrub marker. A scrub cut short by quitting is done
+    /// again at the next start (`needsScrub`).
+    static void scrubFile(const QString &filePath);
+    /// A lock change was committed and its scrub has not finished.
+    bool needsScrub() { return setting(scrubPendingKey).has_value(); }
+    static inline const QString scrubPendingKey = QStringLiteral("scrub_pending");
+
 private:
     struct Closer
     {

@@ -19,6 +19,12 @@ const QStringList chatColumns = {
     QStringLiteral("summary"),
 };
 
+// Node columns re-encrypted when a folder changes state; the name goes with the flags.
+const QStringList nodeColumns = {
+    QStringLiteral("prompt"), QStringLiteral("agent_name"), QStringLiteral("cartridge_source"),
+    QStringLiteral("cartridge_name"), QStringLiteral("cartridge_agent_name"),
+};
+
 const QStringList messageColumns = {
     QStringLiteral("body"), QStringLiteral("metadata"), QStringLiteral("image_description"),
     QStringLiteral("display"), QStringLiteral("data"),
@@ -134,4 +140,92 @@ void Database::resealChat(qint64 chatID, bool to)
     }
     for (qint64 id : std::as_const(messageIDs))
         reseal(QStringLiteral("messages"), id, messageColumns, from, to);
+}
+
+void Database::setFolderLocked(qint64 folderID, bool locked,
+                               const std::function<void(qint64 done, qint64 total)> &progress)
+{
+    if (!m_vaultKey)
+        throw VaultError::locked();
+    const auto flags = [this](qint64 id) -> std::pair<bool, bool> {
+        Statement query(handle(), QStringLiteral("SELECT locked, sealed FROM nodes WHERE id=?"));
+        query.bind({DBValue::integer(id)});
+        if (!query.next())
+            return {false, false};
+        return {query.integer(0) != 0, query.integer(1) != 0};
+    };
+    {
+        Statement query(handle(), QStringLiteral("SELECT 1 FROM nodes WHERE id=?"));
+        query.bind({DBValue::integer(folderID)});
+        if (!query.next())
+            return;
+    }
+    const auto [isLocked, isSealed] = flags(folderID);
+    if ((locked && isSealed) || (!locked && !isLocked))
+        return;
+
+    QList<qint64> nodeIDs;
+    {
+        Statement query(handle(), QStringLiteral("WITH RECURSIVE sub(id) AS (SELECT ? UNION SELECT n.id FROM nodes n "
+                                                 "JOIN sub ON n.parent_id=sub.id)\nSELECT id FROM sub"));
+        query.bind({DBValue::integer(folderID)});
+        while (query.next())
+            nodeIDs.append(query.integer(0));
+    }
+    const auto ids = [this](const QString &sql, qint64 id) {
+        QList<qint64> result;
+        Statement query(handle(), sql);
+        query.bind({DBValue::integer(id)});
+        while (query.next())
+            result.append(query.integer(0));
+        return result;
+    };
+    qint64 total = 0;
+    for (qint64 node : std::as_const(nodeIDs)) {
+        Statement query(handle(), QStringLiteral("SELECT count(*) FROM messages WHERE chat_id IN "
+                                                 "(SELECT id FROM chats WHERE node_id=?)"));
+        query.bind({DBValue::integer(node)});
+        if (query.next())
+            total += query.integer(0);
+    }
+
+    inTransaction([&] {
+        qint64 done = 0;
+        for (qint64 node : std::as_const(nodeIDs)) {
+            const auto [oldLocked, oldSealed] = flags(node);
+            const QString name = field(QStringLiteral("nodes"), QStringLiteral("name"), node, oldSealed && !oldLocked);
+            reseal(QStringLiteral("nodes"), node, nodeColumns, oldSealed, locked);
+            const bool isTarget = node == folderID;
+            execute(QStringLiteral("UPDATE nodes SET name=?, locked=?, sealed=? WHERE id=?"),
+                    {DBValue::text(seal(name, locked && !isTarget)), DBValue::flag(locked && isTarget),
+                     DBValue::flag(locked), DBValue::integer(node)});
+            for (qint64 chat : ids(QStringLiteral("SELECT id FROM chats WHERE node_id=?"), node)) {
+                done += ids(QStringLiteral("SELECT id FROM messages WHERE chat_id=?"), chat).size();
+                resealChat(chat, locked);
+                if (progress)
+                    progress(done, total);
+            }
+        }
+        setSetting(scrubPendingKey, QStringLiteral("1"));
+    });
+}
+
+void Database::setFolderLockedInFile(const QString &filePath, const VaultKey &key, qint64 folderID, bool locked,
+                                     const std::function<void(qint64 done, qint64 total)> &progress)
+{
+    {
+        Database db(filePath);
+        db.setVaultKey(key);
+        db.setFolderLocked(folderID, locked, progress);
+    }
+    scrubFile(filePath);
+}
+
+void Database::scrubFile(const QString &filePath)
+{
+    Database db(filePath);
+    db.execute(QStringLiteral("INSERT INTO message_search(message_search) VALUES('optimize')"));
+    db.execute(QStringLiteral("VACUUM"));
+    db.execute(QStringLiteral("DELETE FROM settings WHERE key=?"), {DBValue::text(scrubPendingKey)});
+    db.execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
 }
