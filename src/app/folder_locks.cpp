@@ -342,12 +342,12 @@ QCoro::Task<bool> FolderLocks::setFolderLocked(qint64 folderID, bool locked)
                         .locking = locked,
                         .name = folderName(folderID),
                         .percent = std::make_shared<std::atomic<int>>(0)};
-    Q_EMIT workingChanged();
     // What is being locked leaves the window before a row is touched.
     m_tree.reload();
     m_tree.hideLockedAway();
     showSealingProgress();
     m_progressTimer->start();
+    Q_EMIT workingChanged();
 
     bool done = true;
     try {
