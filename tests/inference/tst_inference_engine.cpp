@@ -2,6 +2,7 @@
 // the generated random-weight model: the server's life (start, reuse, restart, recovery after
 // it died), what it lets in, and the exchanges (exact token counts, fitting by binary search,
 // streaming, Stop).
+#include "inference/exchange_format.h"
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
 #include "platform/auxiliary_executable.h"
@@ -19,12 +20,9 @@
 
 namespace {
 
-const QString s_model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
+using ExchangeFormat::message;
 
-QJsonObject message(const QString &role, const QString &content)
-{
-    return {{"role", role}, {"content", content}};
-}
+const QString s_model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
 
 bool processAlive(qint64 pid)
 {
@@ -55,9 +53,7 @@ private:
         if (withKey)
             request.setRawHeader("Authorization", "Bearer " + m_engine.key().toLatin1());
         QNetworkReply *reply = body ? m_network.post(request, QJsonDocument(*body).toJson()) : m_network.get(request);
-        QSignalSpy finished(reply, &QNetworkReply::finished);
-        if (!reply->isFinished())
-            finished.wait(60000);
+        QSignalSpy(reply, &QNetworkReply::finished).wait(60000); // always emitted from the event loop
         reply->deleteLater();
         return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
                 QJsonDocument::fromJson(reply->readAll()).object()};

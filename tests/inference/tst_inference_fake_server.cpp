@@ -1,15 +1,69 @@
 // The exchange against a scripted stand-in server, for what the real llama-server cannot be
 // made to show: malformed event lines, pieces split mid-line, refusals, bodies that are not
-// what they should be, and summaries that need cleaning up.
+// what they should be, and summaries that need cleaning up. Also the wire rules that need no
+// server at all.
+#include "inference/exchange_format.h"
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
-#include "scripted_http_server.h"
 
 #include "support/await_task.h"
 #include <QJsonDocument>
+#include <QLocale>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTest>
+#include <QTimer>
 
 namespace {
+
+/// Answers every request on 127.0.0.1 with `status` and the body in `pieces`, sent `pauseMs`
+/// apart; the connection closes after the last piece.
+class ScriptedHttpServer : public QTcpServer
+{
+public:
+    int status = 200;
+    QList<QByteArray> pieces;
+    int pauseMs = 0;
+    QList<QByteArray> requests; ///< head, blank line and body
+
+    ScriptedHttpServer()
+    {
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = nextPendingConnection()) {
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+                connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { answer(socket); });
+            }
+        });
+    }
+
+private:
+    void answer(QTcpSocket *socket)
+    {
+        // Bytes stay in the socket until the whole request is there.
+        static const QRegularExpression length(QStringLiteral("content-length: *(\\d+)"),
+                                               QRegularExpression::CaseInsensitiveOption);
+        const QByteArray data = socket->peek(socket->bytesAvailable());
+        const qsizetype end = data.indexOf("\r\n\r\n");
+        if (end < 0 || data.size() < end + 4 + length.match(QString::fromLatin1(data.left(end))).captured(1).toLongLong())
+            return;
+        requests << socket->readAll();
+        socket->write("HTTP/1.1 " + QByteArray::number(status)
+                      + " Scripted\r\nContent-Type: text/event-stream\r\nConnection: close\r\n\r\n");
+        send(socket, 0);
+    }
+
+    void send(QTcpSocket *socket, qsizetype index)
+    {
+        if (index == pieces.size())
+            return socket->disconnectFromHost();
+        socket->write(pieces[index]);
+        socket->flush();
+        QTimer::singleShot(pauseMs, socket, [this, socket, index] { send(socket, index + 1); });
+    }
+};
+
+using namespace ExchangeFormat;
 
 QByteArray piece(const char *content)
 {
@@ -29,7 +83,7 @@ private:
     QStringList streamed()
     {
         QStringList tokens;
-        const QJsonArray messages{QJsonObject{{"role", "user"}, {"content", "hi"}}};
+        const QJsonArray messages{message("user", "hi")};
         awaitTask(m_engine->stream(messages, 16, 0.7, [&](const QString &t) { tokens << t; }));
         return tokens;
     }
@@ -39,7 +93,7 @@ private Q_SLOTS:
     {
         m_engine = std::make_unique<InferenceEngine>();
         m_server = std::make_unique<ScriptedHttpServer>();
-        QVERIFY(m_server->listen(quint16(m_engine->port())));
+        QVERIFY(m_server->listen(QHostAddress::LocalHost, quint16(m_engine->port())));
     }
 
     void cleanup()
@@ -74,12 +128,13 @@ private Q_SLOTS:
         QFETCH(QList<QByteArray>, pieces);
         QFETCH(int, pauseMs);
         QFETCH(QStringList, expected);
-        m_server->respond(200, pieces, pauseMs);
+        m_server->pieces = pieces;
+        m_server->pauseMs = pauseMs;
         QCOMPARE(streamed(), expected);
-        const auto &request = m_server->requests().first();
-        QVERIFY(request.head.startsWith("POST /v1/chat/completions "));
-        QVERIFY(request.head.contains("Authorization: Bearer " + m_engine->key().toLatin1()));
-        const QJsonObject body = QJsonDocument::fromJson(request.body).object();
+        const QByteArray request = m_server->requests.first();
+        QVERIFY(request.startsWith("POST /v1/chat/completions "));
+        QVERIFY(request.contains("\r\nAuthorization: Bearer " + m_engine->key().toLatin1() + "\r\n"));
+        const QJsonObject body = QJsonDocument::fromJson(request.mid(request.indexOf("\r\n\r\n") + 4)).object();
         QCOMPARE(body.value("stream").toBool(), true);
         QCOMPARE(body.value("max_tokens").toInt(), 16);
     }
@@ -123,16 +178,18 @@ private Q_SLOTS:
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         QFETCH(QString, expected);
-        if (status)
-            m_server->respond(status, {body});
-        else
+        if (status) {
+            m_server->status = status;
+            m_server->pieces = {body};
+        } else {
             m_server.reset();
+        }
         QString outcome;
         try {
             if (call == QLatin1String("stream"))
                 outcome = streamed().join(QLatin1Char('|'));
             else if (call == QLatin1String("count"))
-                outcome = QString::number(awaitTask(m_engine->tokenCount({QJsonObject{{"role", "user"}, {"content", "hi"}}})));
+                outcome = QString::number(awaitTask(m_engine->tokenCount({message("user", "hi")})));
             else
                 outcome = awaitTask(m_engine->summarize("", "user: hi", 64));
         } catch (const InferenceError &e) {
@@ -141,6 +198,35 @@ private Q_SLOTS:
             outcome = QStringLiteral("transport");
         }
         QCOMPARE(outcome, expected);
+    }
+
+    void imageRidesOnTheLastMessage()
+    {
+        // The text part is left out when there is no text.
+        const QJsonObject image{{"type", "image_url"}, {"image_url", QJsonObject{{"url", "data:image/jpeg;base64,/9hqcGVn"}}}};
+        for (const QString &text : {QStringLiteral("What is this?"), QString()}) {
+            QJsonArray content{image};
+            if (!text.isEmpty())
+                content.append(QJsonObject{{"type", "text"}, {"text", text}});
+            QCOMPARE(withImage({message("system", "s"), message("user", text)}, "\xff\xd8jpeg"),
+                     (QJsonArray{message("system", "s"), QJsonObject{{"role", "user"}, {"content", content}}}));
+        }
+    }
+
+    void rollingSummaryRequest()
+    {
+        // The earlier summary is folded into the new one, which is held to about two thirds
+        // of its tokens in words.
+        const QJsonArray messages = summaryRequest("Ann likes tea.", "user: hi", 512).value("messages").toArray();
+        QVERIFY(messages[0].toObject().value("content").toString().endsWith("at most 341 words."));
+        QCOMPARE(messages[1].toObject(),
+                 message("user", "Conversation:\n\n[Earlier summary] Ann likes tea.\n\nuser: hi"));
+    }
+
+    void contextTooLongNamesTheContextInTheUsersLocale()
+    {
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+        QVERIFY(InferenceError::contextTooLong(32768).description().contains("32,768-token context"));
     }
 };
 

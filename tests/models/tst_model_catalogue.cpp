@@ -91,7 +91,6 @@ private Q_SLOTS:
         };
         row("projector of a plain model", "projector", "qwen-2b", "", "qwen-2b-vision");
         row("abliterated pairs with the plain projector", "projector", "qwen-9b-abliterated", "", "qwen-9b-vision");
-        row("smallest abliterated", "projector", "qwen-0.8b-abliterated", "", "qwen-0.8b-vision");
         row("dictation model has no projector", "projector", "whisper-base", "", "");
         row("a projector has none", "projector", "qwen-4b-vision", "", "");
 
@@ -158,9 +157,8 @@ private Q_SLOTS:
 
     void projectorRemovesEveryAbliteratedMark()
     {
-        ModelSpec chat;
+        ModelSpec chat, vision;
         chat.id = QStringLiteral("m-abliterated-1b-abliterated");
-        ModelSpec vision;
         vision.id = QStringLiteral("m-1b-vision");
         vision.role = Role::Vision;
         QCOMPARE(ModelCatalogue::projectorOf(chat, {chat, vision}).value_or(ModelSpec()).id, vision.id);

@@ -16,11 +16,8 @@ namespace ScriptTest {
 /// A context with a named agent and no messages, at a fixed time.
 inline CartridgeContext context(const QString &agent = QStringLiteral("Ada"))
 {
-    Chat chat;
-    chat.id = 7;
-    chat.title = QStringLiteral("Study");
     const QDateTime now = QDateTime::fromString(QStringLiteral("2026-11-15T20:21:57Z"), Qt::ISODate);
-    return CartridgeContext::forChat(chat, agent, {}, now, now);
+    return CartridgeContext::forChat(Chat(), agent, {}, now, now);
 }
 
 inline CartridgeResult run(const QString &source, CartridgeHook hook, const QString &state = {},

@@ -1,5 +1,6 @@
-// The exchange with the runner program: where it is looked up, the size and time limits on
-// each side, and how the end of the process is read.
+// The exchange with the runner program: the context a request carries, where the runner is
+// looked up, the size and time limits on each side, and how the end of the process is read.
+// The names a script sees are checked in the runner's tests.
 
 #include "script_test_support.h"
 
@@ -13,28 +14,35 @@ using namespace ScriptTest;
 
 namespace {
 
-/// Bytes the runner writes around a `display` value of plain letters, found by asking it.
-qsizetype answerOverhead(const QString &runner)
+/// What the runner writes for `source`'s tick hook when no kill timer watches it.
+QByteArray runDirectly(const QString &runner, const QString &source, QProcess::ExitStatus *status = nullptr)
 {
-    const QString source = QStringLiteral("module.exports = { onTick: () => ({ display: \"0123456789\" }) };");
     QProcess process;
     process.start(runner, {});
     process.write(CartridgeEngine::encodeRequest(source, context(), CartridgeHook::Tick, {}, {}));
     process.closeWriteChannel();
-    if (!process.waitForFinished(10000))
-        return -1;
-    return process.readAllStandardOutput().size() - 10;
+    process.waitForFinished(30000);
+    if (status)
+        *status = process.exitStatus();
+    return process.readAllStandardOutput();
 }
 
-/// A shell script that stands in for the runner, for faults the real one never shows.
-void writeFakeRunner(const QString &path, const QByteArray &body, bool executable)
+const QDateTime now = QDateTime::fromString(QStringLiteral("2026-11-15T20:21:57Z"), Qt::ISODate);
+const QDateTime opened = now.addSecs(-90);
+
+/// Messages from "role@time" words, a "!" before the "@" marking a hidden one; the times are
+/// of the same day as `now`.
+QList<Message> history(const QString &words)
 {
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write("#!/bin/sh\ncat >/dev/null\n" + body + "\n");
-    file.close();
-    file.setPermissions(executable ? QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
-                                   : QFile::ReadOwner | QFile::WriteOwner);
+    QList<Message> messages;
+    for (const QString &word : words.split(QLatin1Char(' '))) {
+        Message message;
+        message.role = word.section(QLatin1Char('@'), 0, 0).remove(QLatin1Char('!'));
+        message.hidden = word.contains(QLatin1Char('!'));
+        message.createdAt = QStringLiteral("2026-11-15T%1Z").arg(word.section(QLatin1Char('@'), 1));
+        messages.append(message);
+    }
+    return messages;
 }
 
 } // namespace
@@ -51,6 +59,31 @@ private Q_SLOTS:
     {
         m_runner = AuxiliaryExecutable::find(QLatin1String(CartridgeEngine::runnerName));
         QVERIFY2(!m_runner.isEmpty(), "corvane-script-runner is built into libexec/corvane");
+    }
+
+    void turnAndIdleness_data()
+    {
+        QTest::addColumn<QList<Message>>("messages");
+        QTest::addColumn<qint64>("turn");
+        QTest::addColumn<double>("idleSeconds");
+
+        QTest::newRow("no messages: from when the chat was opened") << QList<Message>() << qint64(0) << 90.0;
+        QTest::newRow("from the last message that is not hidden")
+            << history("user@20:20:00 assistant@20:21:00 user!@20:21:50") << qint64(1) << 57.0;
+        QTest::newRow("only user messages count, hidden ones not")
+            << history("user@20:00:00 system@20:00:00 User@20:00:00 user!@20:00:00 user@20:21:56") << qint64(2) << 1.0;
+        QTest::newRow("unreadable time of the last visible message")
+            << history("user@20:00:00 user@yesterday") << qint64(2) << 90.0;
+    }
+
+    void turnAndIdleness()
+    {
+        QFETCH(QList<Message>, messages);
+        QFETCH(qint64, turn);
+        QFETCH(double, idleSeconds);
+        const auto made = CartridgeContext::forChat(Chat(), QStringLiteral("Ada"), messages, opened, now);
+        QCOMPARE(made.turn, turn);
+        QCOMPARE(made.idleSeconds, idleSeconds);
     }
 
     void requestLimit_data()
@@ -96,7 +129,9 @@ private Q_SLOTS:
     {
         QFETCH(qsizetype, answerBytes);
         QFETCH(bool, accepted);
-        const qsizetype overhead = answerOverhead(m_runner);
+        // The bytes the runner writes around a `display` value of ten plain letters.
+        const qsizetype overhead = runDirectly(
+            m_runner, QStringLiteral("module.exports = { onTick: () => ({ display: \"0123456789\" }) };")).size() - 10;
         QVERIFY(overhead > 0);
         const qsizetype length = answerBytes - overhead;
         const QString source
@@ -112,59 +147,41 @@ private Q_SLOTS:
     {
         // JSON cannot carry NaN, but a result built in code can.
         const double nan = std::numeric_limits<double>::quiet_NaN();
-        CartridgeResult tick;
-        tick.tickEvery = nan;
-        QCOMPARE(errorOf([&] { tick.check(CartridgeHook::Tick); }),
-                 QStringLiteral("Script: tick_every must be between 10 and 86400 seconds"));
-        CartridgeResult temperature;
-        temperature.temperature = nan;
-        QCOMPARE(errorOf([&] { temperature.check(CartridgeHook::Tick); }),
-                 QStringLiteral("Script: temperature must be between 0 and 1.5"));
+        CartridgeResult temperature, tick, next;
+        temperature.temperature = tick.tickEvery = next.next = nan;
+        for (const CartridgeResult &result : {temperature, tick, next})
+            QVERIFY(errorOf([&] { result.check(CartridgeHook::Tick); }).startsWith(QStringLiteral("Script: ")));
     }
 
-    void outlivingTheTimeLimit_data()
+    void runawayScripts_data()
     {
         QTest::addColumn<QString>("hookBody");
-        QTest::newRow("endless loop") << QStringLiteral("for (;;) {}");
-        QTest::newRow("endless promise chain") << QStringLiteral("const again = () => Promise.resolve().then(again); return again();");
-        QTest::newRow("endless recursion caught") << QStringLiteral("const f = () => { try { f(); } catch { f(); } }; f();");
+        QTest::addColumn<bool>("endless"); // else it runs out of memory first
+        QTest::newRow("endless loop") << QStringLiteral("for (;;) {}") << true;
+        QTest::newRow("endless promise chain")
+            << QStringLiteral("const again = () => Promise.resolve().then(again); return again();") << true;
+        QTest::newRow("endless recursion caught") << QStringLiteral("const f = () => { try { f(); } catch { f(); } }; f();") << true;
+        QTest::newRow("objects") << QStringLiteral("const a = []; for (let i = 0; ; ++i) a.push({ i, s: String(i) });") << false;
+        QTest::newRow("buffers") << QStringLiteral("const a = []; for (;;) a.push(new Uint8Array(16 << 20).fill(1));") << false;
+        QTest::newRow("strings") << QStringLiteral("const a = []; for (let i = 0; ; ++i) a.push(\"x\".repeat(1 << 20) + i);") << false;
     }
 
-    void outlivingTheTimeLimit()
+    void runawayScripts()
     {
         QFETCH(QString, hookBody);
+        QFETCH(bool, endless);
         const QString source = QStringLiteral("module.exports = { onTick() { %1 } };").arg(hookBody);
         QElapsedTimer clock;
         clock.start();
-        const QString error = errorOf([&] { run(source, CartridgeHook::Tick); });
-        const qint64 elapsed = clock.elapsed();
-        QCOMPARE(error, QStringLiteral("The script exceeded its execution time limit."));
-        QVERIFY2(elapsed >= 1900 && elapsed < 8000, qPrintable(QString::number(elapsed)));
-    }
-
-    void memoryBomb_data()
-    {
-        QTest::addColumn<QString>("hookBody");
-        QTest::newRow("objects") << QStringLiteral("const a = []; for (let i = 0; ; ++i) a.push({ i, s: String(i) });");
-        QTest::newRow("buffers") << QStringLiteral("const a = []; for (;;) a.push(new Uint8Array(16 << 20).fill(1));");
-        QTest::newRow("strings") << QStringLiteral("const a = []; for (let i = 0; ; ++i) a.push(\"x\".repeat(1 << 20) + i);");
-    }
-
-    void memoryBomb()
-    {
-        QFETCH(QString, hookBody);
-        const QString source = QStringLiteral("module.exports = { onTick() { %1 } };").arg(hookBody);
         QCOMPARE(errorOf([&] { run(source, CartridgeHook::Tick); }),
                  QStringLiteral("The script exceeded its execution time limit."));
+        const qint64 elapsed = clock.elapsed();
+        QVERIFY2(elapsed >= (endless ? 1900 : 0) && elapsed < 8000, qPrintable(QString::number(elapsed)));
 
         // Without the application's kill timer the runner's own limits end it, by a signal.
-        QProcess process;
-        process.start(m_runner, {});
-        process.write(CartridgeEngine::encodeRequest(source, context(), CartridgeHook::Tick, {}, {}));
-        process.closeWriteChannel();
-        QVERIFY(process.waitForFinished(30000));
-        QCOMPARE(process.exitStatus(), QProcess::CrashExit);
-        QVERIFY(process.readAllStandardOutput().isEmpty());
+        QProcess::ExitStatus status = QProcess::NormalExit;
+        QVERIFY(runDirectly(m_runner, source, &status).isEmpty());
+        QCOMPARE(status, QProcess::CrashExit);
     }
 
     void runnerFaults_data()
@@ -205,8 +222,15 @@ private Q_SLOTS:
             runner.clear();
         else if (body == "<folder>")
             QVERIFY(QDir().mkdir(runner));
-        else if (body != "<absent>")
-            writeFakeRunner(runner, body, body != "<not executable>");
+        else if (body != "<absent>") {
+            // A shell script stands in for the runner, for faults the real one never shows.
+            QFile file(runner);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write("#!/bin/sh\ncat >/dev/null\n" + body + "\n");
+            file.close();
+            if (body != "<not executable>")
+                QVERIFY(file.setPermissions(file.permissions() | QFile::ExeOwner));
+        }
         QString seen;
         const QString error = errorOf([&] {
             const auto result = awaitTask(CartridgeEngine::evaluateWith(runner, "unused", context(), CartridgeHook::Turn, {}));

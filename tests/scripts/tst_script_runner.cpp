@@ -12,16 +12,6 @@
 
 using namespace ScriptTest;
 
-namespace {
-
-/// An answer as the runner would send it (snake_case keys, state and data as JSON text).
-CartridgeResult answer(const QString &json)
-{
-    return CartridgeResult::fromJson(QJsonDocument::fromJson(json.toUtf8()).object());
-}
-
-} // namespace
-
 class TestScriptRunner : public QObject
 {
     Q_OBJECT
@@ -78,7 +68,9 @@ private Q_SLOTS:
         QFETCH(QString, source);
         QFETCH(CartridgeHook, hook);
         QFETCH(QString, expected);
-        QVERIFY2(run(source, hook, {}, QStringLiteral("hello")) == answer(expected), qPrintable(expected));
+        // As the runner would answer: snake_case keys, state and data as JSON text.
+        const auto answer = CartridgeResult::fromJson(QJsonDocument::fromJson(expected.toUtf8()).object());
+        QVERIFY2(run(source, hook, {}, QStringLiteral("hello")) == answer, qPrintable(expected));
     }
 
     void scriptSeesItsContext()

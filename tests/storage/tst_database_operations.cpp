@@ -1,12 +1,19 @@
-// Reads, writes, deletes and search on plain (unlocked) data.
+// Reads, writes, deletes and search on plain (unlocked) data; the queue of deleted folders
+// and chats; record hashes.
 #include "sql_probe.h"
 
+#include "storage/database_error.h"
+#include "storage/deletion_queue.h"
 #include "vault/fingerprint.h"
 
 #include <QFile>
 #include <QTest>
 
 using namespace SqlProbe;
+using Entry = DeletionQueue::Entry;
+using Kind = DeletionQueue::Kind;
+
+Q_DECLARE_METATYPE(QList<DeletionQueue::Entry>)
 
 class TestDatabaseOperations : public QObject
 {
@@ -156,6 +163,103 @@ private Q_SLOTS:
         QCOMPARE(log.statements().filter(QRegularExpression("VACUUM|optimize")), QStringList());
         QCOMPARE(m_db->chats().first().nodeID, target);
         QCOMPARE(m_db->search("words").size(), 1);
+    }
+
+    void storedListsReadBack_data()
+    {
+        QTest::addColumn<QString>("stored"); // "-" for no row at all
+        QTest::addColumn<QList<Entry>>("expected");
+        QTest::newRow("no row") << "-" << QList<Entry>();
+        QTest::newRow("not JSON") << "folder 3" << QList<Entry>();
+        QTest::newRow("an object, not a list") << R"({"kind":"folder","id":3})" << QList<Entry>();
+        QTest::newRow("good and bad entries")
+            << R"([{"kind":"folder","id":3},{"kind":"chat","id":"7"},{"kind":"node","id":4},{"kind":"chat","id":0},)"
+               R"({"kind":"chat","id":5},{"kind":"chat","id":5},{"id":6}])"
+            << QList<Entry>{{Kind::folder, 3}, {Kind::chat, 5}};
+    }
+
+    void storedListsReadBack()
+    {
+        QFETCH(QString, stored);
+        QFETCH(QList<Entry>, expected);
+        if (stored != QLatin1String("-"))
+            m_db->setSetting(DeletionQueue::settingKey, stored);
+        DeletionQueue queue;
+        queue.load(*m_db);
+        QCOMPARE(queue.entries(), expected);
+    }
+
+    void anEntryTakesTheMessagesBelowIt()
+    {
+        const qint64 top = m_db->addNode(std::nullopt, "folder", "Top");
+        const qint64 sub = m_db->addNode(top, "folder", "Sub");
+        const qint64 inTop = m_db->addChat(top, "In top");
+        const qint64 kept = m_db->addChat(1, "Kept");
+        const qint64 inSub = m_db->addChat(sub, "In sub");
+        QList<qint64> below;
+        for (qint64 chat : {inSub, kept, inTop, inSub, kept}) {
+            const qint64 id = addMessage(*m_db, chat, "words");
+            if (chat != kept)
+                below.append(id);
+        }
+        QCOMPARE(DeletionQueue::messageIDs(*m_db, {Kind::folder, top}), below);
+        QCOMPARE(DeletionQueue::messageIDs(*m_db, {Kind::chat, inSub}), QList<qint64>({below[0], below[2]}));
+        // Parent links that form a cycle still end the walk.
+        m_db->execute("UPDATE nodes SET parent_id=? WHERE id=?", {DBValue::integer(sub), DBValue::integer(top)});
+        QCOMPARE(DeletionQueue::messageIDs(*m_db, {Kind::folder, top}), below);
+    }
+
+    void finishingIsAllOrNothing()
+    {
+        const qint64 folder = m_db->addNode(std::nullopt, "folder", "Old");
+        const qint64 chat = m_db->addChat(1, "Old chat");
+        DeletionQueue queue;
+        queue.add(*m_db, {Kind::folder, folder});
+        queue.add(*m_db, {Kind::chat, chat});
+        queue.add(*m_db, {Kind::chat, chat});
+        QCOMPARE(m_db->setting(DeletionQueue::settingKey),
+                 QString(R"([{"id":%1,"kind":"folder"},{"id":%2,"kind":"chat"}])").arg(folder).arg(chat));
+
+        m_db->execute("CREATE TRIGGER refuse BEFORE DELETE ON nodes BEGIN SELECT RAISE(ABORT, 'refused'); END");
+        QVERIFY_THROWS_EXCEPTION(DatabaseError, queue.finish(*m_db, {Kind::folder, folder}));
+        QCOMPARE(queue.entries().size(), 2);
+        DeletionQueue reread;
+        reread.load(*m_db);
+        QCOMPARE(reread.entries(), queue.entries());
+        QCOMPARE(query(QString("SELECT name FROM nodes WHERE id=%1").arg(folder)), QStringList({"Old"}));
+
+        m_db->execute("DROP TRIGGER refuse");
+        queue.finish(*m_db, {Kind::folder, folder});
+        queue.finish(*m_db, {Kind::chat, chat});
+        QVERIFY(queue.isEmpty());
+        QCOMPARE(query("SELECT name FROM nodes"), QStringList({"Inbox"}));
+        QCOMPARE(query("SELECT count(*) FROM chats"), QStringList({"0"}));
+        // An empty queue leaves no row behind.
+        QCOMPARE(m_db->setting(DeletionQueue::settingKey), std::nullopt);
+    }
+
+    void hashesNoticeAChangeInOneField()
+    {
+        // A hash that skipped a field would let a view keep showing the old record.
+        Chat chat;
+        chat.id = 7;
+        chat.title = "Trip";
+        chat.summaryThroughID = 40;
+        Chat moved = chat, inherited = chat, shifted = chat;
+        moved.summaryThroughID = 41;
+        inherited.cartridgeFolderID = 0; // 0 is not absent
+        shifted.prompt = std::exchange(shifted.title, QString()); // the same text in a neighbouring field
+        for (const Chat &changed : {moved, inherited, shifted})
+            QVERIFY(qHash(changed, 5) != qHash(chat, 5));
+
+        Node top, child;
+        top.name = child.name = "Inbox";
+        child.parentID = 0;
+        QVERIFY(qHash(child) != qHash(top));
+        Message shown, hidden;
+        shown.body = hidden.body = "hi";
+        hidden.hidden = true;
+        QVERIFY(qHash(hidden) != qHash(shown));
     }
 };
 

@@ -54,23 +54,14 @@ class TestDatabaseSchema : public QObject
 private Q_SLOTS:
     void init() { m_path = m_dir.filePath(QStringLiteral("chats-%1.sqlite").arg(++m_count)); }
 
-    void linksThePinnedSqlite_data()
+    void linksThePinnedSqlite()
     {
         // The system's older SQLite lacks the secure delete of FTS5 that locked folders and
         // erasing rely on.
-        QTest::addColumn<QString>("option");
-        QTest::newRow("full-text search") << "ENABLE_FTS5";
-        QTest::newRow("thread-safe") << "THREADSAFE=1";
-        QTest::newRow("no extension loading") << "OMIT_LOAD_EXTENSION";
-        QTest::newRow("no allocation statistics") << "DEFAULT_MEMSTATUS=0";
-    }
-
-    void linksThePinnedSqlite()
-    {
-        QFETCH(QString, option);
         QCOMPARE(QString::fromLatin1(sqlite3_libversion()), QStringLiteral("3.53.2"));
         QCOMPARE(sqlite3_libversion_number(), SQLITE_VERSION_NUMBER);
-        QVERIFY(sqlite3_compileoption_used(option.toUtf8().constData()));
+        for (const char *option : {"ENABLE_FTS5", "THREADSAFE=1", "OMIT_LOAD_EXTENSION", "DEFAULT_MEMSTATUS=0"})
+            QVERIFY2(sqlite3_compileoption_used(option), option);
     }
 
     void aFileOfTheFirstLayoutIsMigrated()

@@ -1,9 +1,18 @@
-// Making, opening and rewrapping the vault key, and the derivations behind it.
+// The vault key: the sealed box that wraps it (and sealed texts and images), the derivations
+// behind the wrapping keys and script fingerprints, the recovery key's text form (its round
+// trips are the fuzzer's part), making, opening and rewrapping the key, and the stored
+// record's JSON.
 #include "support/await_task.h"
+#include "vault/fingerprint.h"
+#include "vault/recovery_key.h"
+#include "vault/sealed_box.h"
 #include "vault/vault.h"
+#include "vault/vault_record.h"
 
 #include <QTest>
 #include <QTimer>
+
+Q_DECLARE_METATYPE(SealedBoxError::Case)
 
 namespace {
 
@@ -20,6 +29,12 @@ QByteArray flipped(QByteArray bytes, int at)
     return bytes;
 }
 
+// Written out by hand; "/" is escaped the way Foundation's encoder escapes it.
+const QByteArray sealedJson = R"({"salt":"+\/v7+w==","rounds":600000,"byPassword":"cHc=","byRecoveryKey":"cms=",)"
+    R"("touchID":{"enclaveKey":"+\/s=","ephemeralPublicKey":"ZXA=","sealedKey":"c2s="}})";
+
+const VaultRecord sealedRecord{QByteArray(4, char(0xfb)), 600000, "pw", "rk", TouchIDSeal{QByteArray(2, char(0xfb)), "ep", "sk"}};
+
 } // namespace
 
 class TestVault : public QObject
@@ -27,11 +42,57 @@ class TestVault : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void matchesStandardAesGcm()
+    {
+        // Made with an independent AES-GCM implementation: nonce, ciphertext, tag.
+        const VaultKey zero = *VaultKey::fromBytes(QByteArray(32, 0));
+        const QByteArray box = QByteArray(12, 0)
+            + QByteArray::fromHex("cea7403d4d606b6e074ec5d3baf39d18d0d1c8a799996bf0265b98b5d48ab919");
+        QCOMPARE(SealedBox::open(box, zero), QByteArray(16, 0));
+
+        const QByteArray sealed = SealedBox::seal(QByteArray(16, 0), zero);
+        QCOMPARE(sealed.size(), box.size());
+        QVERIFY(sealed != SealedBox::seal(QByteArray(16, 0), zero)); // a fresh nonce each time
+        QCOMPARE(SealedBox::open(sealed, zero), QByteArray(16, 0));
+        QCOMPARE(SealedBox::open(SealedBox::seal({}, zero), zero), QByteArray());
+    }
+
+    void damagedBoxesAreRefused_data()
+    {
+        QTest::addColumn<int>("flippedByte"); // -1: none
+        QTest::addColumn<int>("keptBytes"); // -1: all
+        QTest::addColumn<SealedBoxError::Case>("expected");
+        const auto failed = SealedBoxError::Case::AuthenticationFailed;
+        QTest::newRow("nonce changed") << 0 << -1 << failed;
+        QTest::newRow("tag changed") << 32 << -1 << failed;
+        QTest::newRow("shorter than nonce and tag") << -1 << 27 << SealedBoxError::Case::Malformed;
+        QTest::newRow("other key") << -1 << -1 << failed;
+    }
+
+    void damagedBoxesAreRefused()
+    {
+        QFETCH(int, flippedByte);
+        QFETCH(int, keptBytes);
+        QFETCH(SealedBoxError::Case, expected);
+        const VaultKey key = VaultKey::random();
+        QByteArray box = SealedBox::seal("hello", key);
+        if (flippedByte >= 0)
+            box[flippedByte] = char(box.at(flippedByte) ^ 1);
+        if (keptBytes >= 0)
+            box.truncate(keptBytes);
+        try {
+            SealedBox::open(box, flippedByte < 0 && keptBytes < 0 ? VaultKey::random() : key);
+            QFAIL("a damaged box opened");
+        } catch (const SealedBoxError &error) {
+            QCOMPARE(error.kind(), expected);
+        }
+    }
+
     void derivations_data()
     {
         // Expected keys from Python's hashlib.pbkdf2_hmac and an HKDF written from RFC 5869.
         QTest::addColumn<QString>("derivation");
-        QTest::addColumn<QString>("password");
+        QTest::addColumn<QString>("password"); // or fingerprinted text
         QTest::addColumn<QByteArray>("bytes"); // salt, or input key material
         QTest::addColumn<int>("rounds");
         QTest::addColumn<QByteArray>("expected");
@@ -49,6 +110,9 @@ private Q_SLOTS:
         QTest::newRow("touch id") << "touch id" << ""
             << QByteArray::fromHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f") << 0
             << QByteArray("a0b833ccc20578d30b86a086f5e3c54e5a76dd5b61c575391ba9003ff9cfcd10");
+        // The SHA-256 of a script's UTF-8 text, stored beside its saved state: it must never change.
+        QTest::newRow("script fingerprint") << "fingerprint" << QStringLiteral("é") << QByteArray() << 0
+            << QByteArray("4a99557e4033c3539de2eb65472017cad5f9557f7a0625a09f1c3f6e2ba69c4c");
     }
 
     void derivations()
@@ -60,12 +124,57 @@ private Q_SLOTS:
         QFETCH(QByteArray, expected);
         if (derivation == "password")
             QCOMPARE(hex(*Vault::passwordKey(password, bytes, std::uint32_t(rounds))), expected);
+        else if (derivation == "fingerprint")
+            QCOMPARE(fingerprint(password).toLatin1(), expected);
         else if (derivation == "recovery")
             QCOMPARE(hex(Vault::recoveryWrappingKey(bytes)), expected);
         else
             QCOMPARE(hex(Vault::touchIDWrappingKey(bytes)), expected);
     }
 
+    void recoveryKeyFormats()
+    {
+        // Expected texts from an independent big-integer base-32 conversion.
+        QCOMPARE(Vault::formatRecoveryKey(QByteArray::fromHex("000102030405060708090a0b0c0d0e0f10111213")),
+                 "000G-40R4-0M30-E209-185G-R38E-1W81-24GK");
+        QCOMPARE(Vault::formatRecoveryKey(QByteArray(20, char(0xff))), "ZZZZ-ZZZZ-ZZZZ-ZZZZ-ZZZZ-ZZZZ-ZZZZ-ZZZZ");
+    }
+
+    void recoveryKeyParses_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QByteArray>("expected"); // empty: refused
+        const QByteArray zeros(20, 0);
+        const QByteArray counting = QByteArray::fromHex("000102030405060708090a0b0c0d0e0f10111213");
+        const QString zeroKey = "0000-0000-0000-0000-0000-0000-0000-0000";
+        QTest::newRow("zeros with dashes") << zeroKey << zeros;
+        QTest::newRow("zeros with spaces") << QString(zeroKey).replace('-', ' ') << zeros;
+        QTest::newRow("zeros typed as O") << QString(zeroKey).replace('0', 'O') << zeros;
+        QTest::newRow("no separators") << QString(32, '0') << zeros;
+        QTest::newRow("lower case, l and i as 1")
+            << "000g 40r4 0m30 e2o9 l85g r38e iw81 24gk" << counting;
+        QTest::newRow("line breaks and punctuation")
+            << "  000G-40R4-0M30-E209,\n185G.R38E/1W81_24GK! " << counting;
+        QTest::newRow("31 characters") << QString(31, '0') << QByteArray();
+        QTest::newRow("33 characters") << QString(33, '0') << QByteArray();
+        QTest::newRow("U") << "U" + QString(31, '0') << QByteArray();
+        QTest::newRow("accented letter") << QStringLiteral("É") + QString(31, '0') << QByteArray();
+        QTest::newRow("accent as combining mark") << QStringLiteral("E\u0301") + QString(31, '0') << QByteArray();
+        QTest::newRow("other script digit") << QStringLiteral("\u0663") + QString(31, '0') << QByteArray();
+        QTest::newRow("letter beyond 16 bits") << QStringLiteral("\U0001D400") + QString(31, '0') << QByteArray();
+        QTest::newRow("empty") << QString() << QByteArray();
+    }
+
+    void recoveryKeyParses()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QByteArray, expected);
+        const std::optional<QByteArray> parsed = Vault::parseRecoveryKey(typed);
+        if (expected.isEmpty())
+            QVERIFY(!parsed);
+        else
+            QCOMPARE(parsed, std::optional(expected));
+    }
     void createMakesFreshVaults()
     {
         const Vault::NewVault first = Vault::create("same", fewRounds);
@@ -162,6 +271,48 @@ private Q_SLOTS:
             awaitTask(Vault::changingPasswordAsync(vault.key, "other", vault.record, fewRounds));
         QCOMPARE(Vault::openWithPassword("other", changed), std::optional(vault.key));
         QVERIFY2(ticks > 10, qPrintable(QString::number(ticks)));
+    }
+
+    void recordEncodesExactly()
+    {
+        QCOMPARE(sealedRecord.toJson(), sealedJson);
+        QCOMPARE(VaultRecord::fromJson(sealedJson), std::optional(sealedRecord));
+    }
+
+    void recordWithoutSeal()
+    {
+        const QByteArray bare = R"({"salt":"AA==","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="})";
+        for (const QByteArray &json : {bare, QByteArray(bare).replace("}", R"(,"touchID":null})")}) {
+            const std::optional<VaultRecord> record = VaultRecord::fromJson(json);
+            QVERIFY(record && !record->touchID);
+            QCOMPARE(record->toJson(), bare);
+        }
+    }
+
+    void refusesDamagedRecords_data()
+    {
+        QTest::addColumn<QByteArray>("json");
+        const auto row = [](const char *name, const char *json) { QTest::newRow(name) << QByteArray(json); };
+        row("no salt", R"({"rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("no rounds", R"({"salt":"AA==","byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("no byPassword", R"({"salt":"AA==","rounds":3,"byRecoveryKey":"Ag=="})");
+        row("no byRecoveryKey", R"({"salt":"AA==","rounds":3,"byPassword":"AQ=="})");
+        row("rounds as text", R"({"salt":"AA==","rounds":"3","byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("rounds with a fraction", R"({"salt":"AA==","rounds":3.5,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("salt as number", R"({"salt":0,"rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("base64 without padding", R"({"salt":"AA","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("base64url alphabet", R"({"salt":"-_-_","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="})");
+        row("seal missing a key", R"({"salt":"AA==","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag==","touchID":{"enclaveKey":"AA==","sealedKey":"AA=="}})");
+        row("seal not an object", R"({"salt":"AA==","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag==","touchID":"AA=="})");
+        row("array", R"([{"salt":"AA==","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag=="}])");
+        row("truncated", R"({"salt":"AA==","rounds":3,"byPassword":"AQ==","byRecoveryKey":"Ag==")");
+        row("empty", "");
+    }
+
+    void refusesDamagedRecords()
+    {
+        QFETCH(QByteArray, json);
+        QVERIFY(!VaultRecord::fromJson(json));
     }
 };
 
