@@ -149,10 +149,8 @@ private Q_SLOTS:
         tree().selectChat(m_secretChat);
         QCOMPARE(m_model->chat()->messages().size(), 50);
         QCOMPARE(m_model->chat()->title(), QStringLiteral("About the quokkaplasma"));
-    }
 
-    void lockingAllClosesAndForgetsTheKey()
-    {
+        // Locking everything closes it again and forgets the key.
         locks().lockAll();
         QVERIFY(!locks().isUnlocked());
         QVERIFY(!shown(m_secretChat));

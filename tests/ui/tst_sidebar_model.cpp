@@ -212,34 +212,6 @@ private Q_SLOTS:
         QVERIFY(!locked.data(SidebarModel::HasChildrenRole).toBool());
         QVERIFY(!m_sidebar->index(0).data(SidebarModel::LockedAwayRole).toBool());
     }
-
-    void treeCommandsResetRows_data()
-    {
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QStringList>("visible");
-        QTest::newRow("move chat") << "move" << QStringList{"Inbox", "Work", "Drafts", "d1", "w1", "w2", "i1", "Projects", "p1"};
-        QTest::newRow("delete folder") << "delete" << QStringList{"Inbox", "i1", "Projects", "p1"};
-        QTest::newRow("rename chat") << "rename" << QStringList{"Inbox", "Work", "Drafts", "d1", "w2", "Renamed", "i1", "Projects", "p1"};
-    }
-
-    void treeCommandsResetRows()
-    {
-        QFETCH(QString, command);
-        QFETCH(QStringList, visible);
-        if (command == QLatin1String("move"))
-        {
-            m_app->tree()->selectChat(m_ids.value(QStringLiteral("w1")));
-            m_app->tree()->moveSelectedChat(m_ids.value(QStringLiteral("Drafts")));
-        }
-        else if (command == QLatin1String("delete"))
-            m_app->tree()->deleteFolder(m_ids.value(QStringLiteral("Work")));
-        else
-            m_app->tree()->renameChat(m_ids.value(QStringLiteral("w1")), QStringLiteral("Renamed"));
-        QStringList names;
-        for (const auto &[kind, name, depth] : rows())
-            names.append(name);
-        QCOMPARE(names, visible);
-    }
 };
 
 QTEST_MAIN(TestSidebarModel)
