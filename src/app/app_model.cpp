@@ -64,9 +64,16 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     connect(m_chat.get(), &ChatSession::isGeneratingChanged, this, &AppModel::activityChanged);
     connect(m_locks.get(), &FolderLocks::workingChanged, this, &AppModel::activityChanged);
     connect(m_locks.get(), &FolderLocks::keyForgotten, this, [this] {
-        // Nothing may go on writing to a sealed chat without the key.
-        m_chat->stopReply();
-        m_chat->compactor().cancel();
+        // Nothing may go on writing to a sealed chat without the key; work on plain chats
+        // goes on.
+        const auto sealed = [this](std::optional<qint64> chatID) {
+            const auto chat = chatID ? m_tree->chat(*chatID) : std::nullopt;
+            return chat && chat->isSealed;
+        };
+        if (sealed(m_chat->replyingChatID()))
+            m_chat->stopReply();
+        if (sealed(m_chat->compactor().chatID()))
+            m_chat->compactor().cancel();
     });
     connect(m_models.get(), &ModelsController::busyChanged, this, &AppModel::activityChanged);
     connect(this, &AppModel::activityChanged, this, &AppModel::readinessChanged);

@@ -69,6 +69,8 @@ public:
     /// text to send.
     bool canSend() const;
     bool isGenerating() const { return m_generationCancel.has_value(); }
+    /// The chat the running reply is for.
+    std::optional<qint64> replyingChatID() const { return m_replyChatID; }
     const QString &liveReply() const { return m_liveReply; }
     const QString &liveDisplay() const { return m_liveDisplay; }
 
@@ -134,6 +136,7 @@ private:
     QTimer *m_liveReplyTimer;
     /// Cancels the running reply; present exactly while one runs.
     std::optional<CancellationToken> m_generationCancel;
+    std::optional<qint64> m_replyChatID;
     /// Per chat: the script source last asked, and whether it handles replies.
     QHash<qint64, std::pair<QString, bool>> m_handlesReplies;
 };

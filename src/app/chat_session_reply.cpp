@@ -71,6 +71,7 @@ void ChatSession::startReply(const Chat &chat, const QString &trigger)
     if (isGenerating())
         return;
     m_generationCancel = CancellationToken();
+    m_replyChatID = chat.id;
     Q_EMIT isGeneratingChanged();
     m_liveDisplay.clear();
     setLiveReply(QString());
@@ -102,6 +103,7 @@ QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger,
     m_liveDisplay.clear();
     setLiveReply(QString());
     m_generationCancel.reset();
+    m_replyChatID.reset();
     Q_EMIT isGeneratingChanged();
     // A script's follow-up actions (messages to add, a further reply) run here once scripts
     // can act; until then a turn result only shapes the reply it belongs to.

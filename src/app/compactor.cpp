@@ -53,6 +53,7 @@ void Compactor::start(qint64 chatID, QString systemPrompt, qint64 responseTokens
 {
     cancel();
     m_cancel = CancellationToken();
+    m_chatID = chatID;
     run(chatID, std::move(systemPrompt), responseTokens, *m_cancel, ++m_runs);
 }
 

@@ -30,6 +30,8 @@ public:
     void start(qint64 chatID, QString systemPrompt, qint64 responseTokens);
     void cancel();
     bool isRunning() const { return m_cancel.has_value(); }
+    /// The chat being compacted, while one is.
+    std::optional<qint64> chatID() const { return isRunning() ? std::optional<qint64>(m_chatID) : std::nullopt; }
 
     /// The work itself: summarises when the chat has grown past three quarters of the budget
     /// that a reply leaves.
@@ -48,4 +50,5 @@ private:
     const AppSettings &m_settings;
     std::optional<CancellationToken> m_cancel;
     int m_runs = 0; ///< tells the current compaction from one it replaced
+    qint64 m_chatID = 0;
 };
