@@ -33,7 +33,7 @@ packages=(
   qml6-module-qt-labs-qmlmodels qml6-module-qt-labs-folderlistmodel qml6-module-qttest
   qt6-qpa-plugins libmozjs-102-dev
   qt6-speech-flite-plugin pulseaudio pulseaudio-utils
-  xvfb xauth x11-apps x11-utils imagemagick fonts-dejavu-core
+  xvfb xauth x11-apps x11-utils imagemagick fonts-dejavu-core dbus-daemon
 )
 missing=()
 for p in "${packages[@]}"; do
