@@ -5,6 +5,7 @@
 #include "inference/inference_engine.h"
 #include "models/model_catalogue.h"
 #include "models/model_store.h"
+#include "platform/auto_lock.h"
 #include "storage/database.h"
 
 AppModel::AppModel(QObject *parent)
@@ -86,6 +87,12 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_tree->selectFirstOpenChat();
     m_tree->startPurge();
     m_locks->scrubIfNeeded();
+
+    // 7. Open locked folders close again on sleep, screen lock, a session switch and idle
+    //    time; idle time is watched only while one is open.
+    m_autoLock = std::make_unique<AutoLock>(QDBusConnection::systemBus(), QDBusConnection::sessionBus());
+    connect(m_autoLock.get(), &AutoLock::lockRequested, m_locks.get(), &FolderLocks::lockAll);
+    connect(m_locks.get(), &FolderLocks::keyChanged, this, [this] { m_autoLock->setArmed(m_locks->isUnlocked()); });
 }
 
 AppModel::~AppModel()

@@ -16,6 +16,7 @@
 
 #include <memory>
 
+class AutoLock;
 class Database;
 class InferenceEngine;
 class ModelStore;
@@ -56,6 +57,8 @@ public:
     ChatTree *tree() const { return m_tree.get(); }
     ChatSession *chat() const { return m_chat.get(); }
     FolderLocks *locks() const { return m_locks.get(); }
+    /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
+    AutoLock &autoLock() { return *m_autoLock; }
 
     /// A reply, a model installation or erasing is under way.
     bool isBusy() const;
@@ -95,5 +98,6 @@ private:
     std::unique_ptr<ChatTree> m_tree;
     std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatSession> m_chat;
+    std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;
 };

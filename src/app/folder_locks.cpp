@@ -154,6 +154,9 @@ void FolderLocks::closeFolder(qint64 folderID)
 
 void FolderLocks::lockAll()
 {
+    // Desktops may report one event several times.
+    if (m_unlockedFolderIDs.isEmpty() && !isUnlocked())
+        return;
     m_unlockedFolderIDs.clear();
     hideLockedAway();
 }

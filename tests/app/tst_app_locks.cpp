@@ -2,6 +2,7 @@
 // what a locked folder hides and leaves in the files, opening with the password and the
 // recovery key, changing the password, locking a further folder, removing a lock.
 #include "app/app_model.h"
+#include "platform/auto_lock.h"
 #include "storage/database.h"
 #include "support/await_task.h"
 #include "support/database_rows.h"
@@ -150,8 +151,10 @@ private Q_SLOTS:
         QCOMPARE(m_model->chat()->messages().size(), 50);
         QCOMPARE(m_model->chat()->title(), QStringLiteral("About the quokkaplasma"));
 
-        // Locking everything closes it again and forgets the key.
-        locks().lockAll();
+        // The screen locking closes it again and forgets the key.
+        QVERIFY(m_model->autoLock().isArmed());
+        Q_EMIT m_model->autoLock().lockRequested(AutoLock::Reason::ScreenLocked);
+        QVERIFY(!m_model->autoLock().isArmed());
         QVERIFY(!locks().isUnlocked());
         QVERIFY(!shown(m_secretChat));
         QCOMPARE(tree().selectedChatID(), ChatTree::none);
