@@ -3,7 +3,7 @@
 #include "platform/idle_clock.h"
 #include "platform/session_watcher.h"
 
-Q_LOGGING_CATEGORY(lcAutoLock, "corvane.autolock")
+Q_LOGGING_CATEGORY(lcAutoLock, "corvane.autolock", QtInfoMsg)
 
 AutoLock::AutoLock(const QDBusConnection &system, const QDBusConnection &session,
                    std::chrono::milliseconds idleLimit, std::chrono::milliseconds pollInterval,
