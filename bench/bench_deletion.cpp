@@ -6,6 +6,7 @@
 // whose rows go on a worker thread.
 //
 // Usage: bench_deletion [database]   (default: build/bench/bench-data/messages-1m-fk-indexes.sqlite)
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "storage/database.h"
 #include "storage/statement.h"
@@ -67,13 +68,10 @@ Result measure(const QString &database, const std::function<std::pair<qint64, qs
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QString database = argc > 1 ? QString::fromLocal8Bit(argv[1])
-                                      : QCoreApplication::applicationDirPath()
-                                            + QStringLiteral("/bench-data/messages-1m-fk-indexes.sqlite");
-    if (!QFileInfo::exists(database)) {
-        std::fprintf(stderr, "bench_deletion: %s is missing; run bench_database first\n", qPrintable(database));
+    const std::optional<QString> file = benchmarkDatabase(argc, argv, "bench_deletion");
+    if (!file)
         return 1;
-    }
+    const QString &database = *file;
     std::printf("| Deletion through AppModel | gone from the tree, ms | rows removed, ms | longest main-thread gap, ms |\n"
                 "|---|---:|---:|---:|\n");
     // The chats of the big folder are the newest: the first in the list.

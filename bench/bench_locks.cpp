@@ -7,6 +7,7 @@
 // without a turn.
 //
 // Usage: bench_locks [database]   (default: build/bench/bench-data/messages-1m-fk-indexes.sqlite)
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "storage/database.h"
 #include "support/await_task.h"
@@ -105,13 +106,10 @@ void measure(const QString &database, const char *what, bool oneChat)
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QString database = argc > 1 ? QString::fromLocal8Bit(argv[1])
-                                      : QCoreApplication::applicationDirPath()
-                                            + QStringLiteral("/bench-data/messages-1m-fk-indexes.sqlite");
-    if (!QFileInfo::exists(database)) {
-        std::fprintf(stderr, "bench_locks: %s is missing; run bench_database first\n", qPrintable(database));
+    const std::optional<QString> file = benchmarkDatabase(argc, argv, "bench_locks");
+    if (!file)
         return 1;
-    }
+    const QString &database = *file;
     std::printf("| Folder | hidden, ms | locked, ms (longest gap) | opened, ms (gap) | lock removed, ms (gap) |\n"
                 "|---|---:|---:|---:|---:|\n");
     measure(database, "one chat", true);

@@ -5,6 +5,7 @@
 
 #include "storage/database.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QList>
 #include <QString>
@@ -30,6 +31,19 @@ inline std::optional<QString> benchmarkModel(int argc, char *argv[], const char 
     if (QFileInfo::exists(model))
         return model;
     std::fprintf(stderr, "%s: %s is missing; `make test` generates it\n", program, qPrintable(model));
+    return std::nullopt;
+}
+
+/// The database file named on the command line, else the 1,000,000-message file that
+/// bench_database writes; absent, with a message naming `program`, when it is missing.
+inline std::optional<QString> benchmarkDatabase(int argc, char *argv[], const char *program)
+{
+    const QString database = argc > 1 ? QString::fromLocal8Bit(argv[1])
+                                      : QCoreApplication::applicationDirPath()
+                                            + QStringLiteral("/bench-data/messages-1m-fk-indexes.sqlite");
+    if (QFileInfo::exists(database))
+        return database;
+    std::fprintf(stderr, "%s: %s is missing; run bench_database first\n", program, qPrintable(database));
     return std::nullopt;
 }
 

@@ -275,15 +275,9 @@ QCoro::Task<bool> FolderLocks::resetPassword(QString recoveryKey, QString newPas
         co_return false;
     }
     const QPointer<FolderLocks> alive(this);
-    try {
-        const VaultRecord record = co_await Vault::changingPasswordAsync(*key, newPassword, *m_vault);
-        throwIfGone(alive);
-        saveVault(record);
-    } catch (const std::exception &error) {
-        if (alive)
-            m_status.showError(error);
+    const bool saved = co_await savePassword(*key, newPassword);
+    if (!alive || !saved)
         co_return false;
-    }
     co_await didUnlock(std::move(*key), purpose);
     co_return true;
 }
@@ -293,14 +287,26 @@ QCoro::Task<bool> FolderLocks::changePassword(QString current, QString newPasswo
     if (!m_vault)
         co_return false;
     const QPointer<FolderLocks> alive(this);
+    const std::optional<VaultKey> key = co_await Vault::openWithPasswordAsync(current, *m_vault);
+    if (!alive)
+        co_return false;
+    if (!key) {
+        Q_EMIT passwordRejected();
+        co_return false;
+    }
+    const bool saved = co_await savePassword(*key, newPassword);
+    if (!alive || !saved)
+        co_return false;
+    dismissLockSheet();
+    m_status.show(QStringLiteral("Password changed"));
+    co_return true;
+}
+
+QCoro::Task<bool> FolderLocks::savePassword(VaultKey key, QString newPassword)
+{
+    const QPointer<FolderLocks> alive(this);
     try {
-        const std::optional<VaultKey> key = co_await Vault::openWithPasswordAsync(current, *m_vault);
-        throwIfGone(alive);
-        if (!key) {
-            Q_EMIT passwordRejected();
-            co_return false;
-        }
-        const VaultRecord record = co_await Vault::changingPasswordAsync(*key, newPassword, *m_vault);
+        const VaultRecord record = co_await Vault::changingPasswordAsync(key, newPassword, *m_vault);
         throwIfGone(alive);
         saveVault(record);
     } catch (const std::exception &error) {
@@ -308,8 +314,6 @@ QCoro::Task<bool> FolderLocks::changePassword(QString current, QString newPasswo
             m_status.showError(error);
         co_return false;
     }
-    dismissLockSheet();
-    m_status.show(QStringLiteral("Password changed"));
     co_return true;
 }
 

@@ -131,6 +131,8 @@ private:
     void saveVault(const VaultRecord &record);
     void setKey(std::optional<VaultKey> key);
     QCoro::Task<> didUnlock(VaultKey key, UnlockPurpose purpose);
+    /// Wraps `key` for `newPassword` and stores the record; an error goes to the banner.
+    QCoro::Task<bool> savePassword(VaultKey key, QString newPassword);
     void forgetKeyIfAllLocked();
     QString folderName(qint64 id) const;
     /// Runs a flow started from the window, counted in `isWorking`.
