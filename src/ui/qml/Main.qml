@@ -174,6 +174,8 @@ ApplicationWindow {
                 id: settings
             }
 
+            LockSheets {}
+
             Dialog {
                 id: privacyNote
                 objectName: "privacyNote"
