@@ -9,6 +9,8 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace {
 
 /// Ends a flow that resumes after the locks are gone (the application quit meanwhile).
@@ -33,6 +35,7 @@ FolderLocks::FolderLocks(Database &database, QString databasePath, ChatTree &tre
         m_vault = VaultRecord::fromJson(text->toUtf8());
     m_progressTimer->setInterval(100);
     connect(m_progressTimer, &QTimer::timeout, this, &FolderLocks::showSealingProgress);
+    connect(&tree, &ChatTree::treeChanged, this, &FolderLocks::lockedFoldersChanged);
 }
 
 FolderLocks::~FolderLocks()
@@ -44,6 +47,11 @@ FolderLocks::~FolderLocks()
 bool FolderLocks::isUnlocked() const
 {
     return m_database.hasVaultKey();
+}
+
+int FolderLocks::lockedFolderCount() const
+{
+    return int(std::ranges::count_if(m_tree.nodes(), &Node::isLocked));
 }
 
 std::optional<qint64> FolderLocks::sealingFolderID() const

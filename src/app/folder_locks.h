@@ -39,6 +39,7 @@ class FolderLocks : public QObject
     Q_PROPERTY(int sheetPurpose READ sheetPurpose NOTIFY lockSheetChanged)
     Q_PROPERTY(qint64 sheetFolderID READ sheetFolderID NOTIFY lockSheetChanged)
     Q_PROPERTY(QString recoveryKey READ recoveryKey NOTIFY lockSheetChanged)
+    Q_PROPERTY(int lockedFolderCount READ lockedFolderCount NOTIFY lockedFoldersChanged)
     Q_PROPERTY(int minimumPasswordLength MEMBER minimumPasswordLength CONSTANT)
     Q_PROPERTY(int autoLockMinutes MEMBER autoLockMinutes CONSTANT)
 
@@ -64,6 +65,8 @@ public:
     std::optional<qint64> sealingFolderID() const;
     bool isWorking() const { return m_working > 0; }
     bool isSealing() const { return m_sealing.has_value(); }
+    /// The folders the user locked, open or not.
+    int lockedFolderCount() const;
 
     const std::optional<LockSheet> &lockSheet() const { return m_lockSheet; }
     int sheetKind() const { return m_lockSheet ? int(m_lockSheet->kind) : noSheet; }
@@ -121,6 +124,8 @@ Q_SIGNALS:
     void vaultChanged();
     void keyChanged();
     void workingChanged();
+    /// The tree was reloaded: folders may have been locked, unlocked or deleted.
+    void lockedFoldersChanged();
     void passwordRejected();
     void recoveryKeyRejected();
     /// The key is about to be forgotten: work on sealed chats must stop.

@@ -1,12 +1,16 @@
 #pragma once
 
-#include <QtGlobal>
+#include <QObject>
 
 /// What an unlock is for: showing a locked folder's chats, locking a further folder (which
 /// needs the key), or switching on unlocking by fingerprint.
 struct UnlockPurpose
 {
+    Q_GADGET
+
+public:
     enum Kind { Open, Lock, TouchID };
+    Q_ENUM(Kind)
 
     Kind kind = Open;
     qint64 folderID = 0; ///< the folder to open or lock; unused for TouchID
@@ -17,7 +21,11 @@ struct UnlockPurpose
 /// The lock dialog the window is asked to show.
 struct LockSheet
 {
+    Q_GADGET
+
+public:
     enum Kind { SetUp, Unlock, RecoveryKey, ResetPassword, ChangePassword };
+    Q_ENUM(Kind)
 
     Kind kind = Unlock;
     UnlockPurpose purpose; ///< for Unlock and ResetPassword

@@ -1,7 +1,7 @@
 #pragma once
 
 // What QML sees of the application: the one AppModel as the singleton `AppModel`, its areas as
-// types it can read but not create, and the readiness values by name.
+// types it can read but not create, and the readiness and lock dialog values by name.
 
 #include "app/app_model.h"
 
@@ -85,3 +85,16 @@ Q_NAMESPACE
 QML_FOREIGN_NAMESPACE(Readiness)
 QML_NAMED_ELEMENT(Readiness)
 } // namespace ReadinessForeign
+
+// `AppModel.locks.sheet === LockSheet.Unlock`, `sheetPurpose === UnlockPurpose.Lock`.
+namespace LockSheetForeign {
+Q_NAMESPACE
+QML_FOREIGN_NAMESPACE(LockSheet)
+QML_NAMED_ELEMENT(LockSheet)
+} // namespace LockSheetForeign
+
+namespace UnlockPurposeForeign {
+Q_NAMESPACE
+QML_FOREIGN_NAMESPACE(UnlockPurpose)
+QML_NAMED_ELEMENT(UnlockPurpose)
+} // namespace UnlockPurposeForeign

@@ -8,6 +8,9 @@ import Corvane
 Rectangle {
     id: composer
 
+    // Nothing is sent while a folder's chats are being encrypted or decrypted.
+    readonly property bool canSend: AppModel.chat.canSend && !AppModel.locks.isSealing
+
     function focusInput() {
         input.forceActiveFocus()
     }
@@ -52,7 +55,7 @@ Rectangle {
                         return
                     }
                     event.accepted = true
-                    if (AppModel.chat.canSend)
+                    if (composer.canSend)
                         AppModel.chat.send()
                 }
                 Keys.onReturnPressed: (event) => handleEnter(event)
@@ -64,7 +67,7 @@ Rectangle {
             objectName: "sendButton"
             Layout.alignment: Qt.AlignBottom
             text: AppModel.chat.isGenerating ? "Stop" : "Send"
-            enabled: AppModel.chat.isGenerating || AppModel.chat.canSend
+            enabled: AppModel.chat.isGenerating || composer.canSend
             highlighted: !AppModel.chat.isGenerating
             Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : "Send message"
             onClicked: {

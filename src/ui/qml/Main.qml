@@ -64,6 +64,12 @@ ApplicationWindow {
                 onActivated: settings.open()
             }
             Shortcut {
+                sequence: "Ctrl+Shift+L"
+                context: Qt.WindowShortcut
+                enabled: AppModel.locks.isUnlocked
+                onActivated: AppModel.locks.lockAll()
+            }
+            Shortcut {
                 sequence: "Ctrl+1"
                 context: Qt.WindowShortcut
                 onActivated: sidebar.focusTree()
@@ -102,6 +108,15 @@ ApplicationWindow {
                         Accessible.name: text
                     }
                     Item { Layout.fillWidth: true }
+                    Button {
+                        objectName: "lockAllButton"
+                        visible: AppModel.locks.isUnlocked
+                        text: "Lock All Folders"
+                        flat: true
+                        Accessible.name: text
+                        Accessible.description: "Ctrl+Shift+L"
+                        onClicked: AppModel.locks.lockAll()
+                    }
                     Button {
                         objectName: "privacyButton"
                         text: "Private to this computer"
@@ -173,6 +188,8 @@ ApplicationWindow {
             SettingsSheet {
                 id: settings
             }
+
+            LockSheets {}
 
             Dialog {
                 id: privacyNote

@@ -5,7 +5,8 @@ import QtQuick.Layouts
 import Corvane
 
 // Settings for everything: the assistant's name and instructions, how replies are generated,
-// the downloaded models, and erasing all data. Texts are kept when the sheet closes.
+// the downloaded models, locked folders, and erasing all data. Texts are kept when the sheet
+// closes.
 Dialog {
     id: sheet
     objectName: "settingsSheet"
@@ -64,7 +65,8 @@ Dialog {
     ScrollView {
         id: scroll
         anchors.fill: parent
-        enabled: !AppModel.isErasing
+        // Nothing changes under erasing, nor while a folder's lock is changing.
+        enabled: !AppModel.isErasing && !AppModel.locks.isSealing
         contentWidth: availableWidth
 
         ColumnLayout {
@@ -176,6 +178,12 @@ Dialog {
 
             Heading { text: "Downloaded models" }
             ModelSettings {
+                Layout.fillWidth: true
+            }
+
+            Heading { text: "Locked folders" }
+            LockSettings {
+                objectName: "lockSettings"
                 Layout.fillWidth: true
             }
 

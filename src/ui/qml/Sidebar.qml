@@ -19,6 +19,9 @@ Rectangle {
     property string menuKind: ""
     property real menuID: -1
     property string menuName: ""
+    property bool menuLocked: false
+    property bool menuSealed: false
+    property bool menuLockedAway: false
 
     color: Theme.sidebar
     Accessible.role: Accessible.Pane
@@ -40,12 +43,16 @@ Rectangle {
         AppModel.tree.addChat(folderID)
     }
 
-    /// Opens a row's actions at the pointer, or under `anchor` when the keyboard asked.
-    function openMenu(kind: string, id: real, name: string, anchor: Item) {
-        menuKind = kind
-        menuID = id
-        menuName = name
-        const menu = kind === "folder" ? folderMenu : chatMenu
+    /// Opens a row's actions at the pointer, or under the row when the keyboard asked.
+    function openMenu(row: SidebarRow, fromKeyboard: bool) {
+        menuKind = row.kind
+        menuID = row.itemID
+        menuName = row.shownName
+        menuLocked = row.isLocked
+        menuSealed = row.isSealed
+        menuLockedAway = row.lockedAway
+        const menu = row.isFolder ? folderMenu : chatMenu
+        const anchor = fromKeyboard ? row : null
         if (anchor)
             menu.popup(anchor, Theme.indent, anchor.height)
         else
@@ -63,7 +70,8 @@ Rectangle {
     }
 
     /// The keys of the focused tree: arrows move and select, Left and Right fold, Enter
-    /// opens, F2 renames, Delete deletes, the menu key (or Shift+F10) shows the actions.
+    /// opens (a folder that is locked away asks for its password), F2 renames, Delete
+    /// deletes, the menu key (or Shift+F10) shows the actions.
     function handleKey(event: KeyEvent) {
         const row = list.currentItem as SidebarRow
         if (!row || sidebar.editingKey !== "")
@@ -79,7 +87,9 @@ Rectangle {
         case Qt.Key_Return:
         case Qt.Key_Enter:
         case Qt.Key_Space:
-            if (folder)
+            if (row.lockedAway)
+                AppModel.locks.requestUnlock(row.itemID)
+            else if (folder)
                 tree.toggleCollapsed(row.itemID)
             else
                 chatOpened()
@@ -100,12 +110,12 @@ Rectangle {
             sidebar.confirmDelete(row.kind, row.itemID, row.shownName)
             break
         case Qt.Key_Menu:
-            sidebar.openMenu(row.kind, row.itemID, row.shownName, row)
+            sidebar.openMenu(row, true)
             break
         case Qt.Key_F10:
             if (!(event.modifiers & Qt.ShiftModifier))
                 return
-            sidebar.openMenu(row.kind, row.itemID, row.shownName, row)
+            sidebar.openMenu(row, true)
             break
         default:
             return
@@ -135,6 +145,12 @@ Rectangle {
                 ? "Delete “" + name + "” and all of its chats and subfolders? This cannot be undone."
                 : "Delete “" + name + "” and its messages? This cannot be undone."
         deleteDialog.open()
+    }
+
+    function confirmRemoveLock(id: real, name: string) {
+        removeLockDialog.itemID = id
+        removeLockDialog.title = "Remove the lock from “" + name + "”?"
+        removeLockDialog.open()
     }
 
     function openSettings(kind: string, id: real) {
@@ -217,9 +233,11 @@ Rectangle {
                     else
                         AppModel.tree.selectChat(row.itemID)
                     list.currentIndex = tree.rowOf(row.kind, row.itemID)
+                    if (row.lockedAway)
+                        AppModel.locks.requestUnlock(row.itemID)
                 }
                 onToggled: tree.toggleCollapsed(row.itemID)
-                onMenuRequested: sidebar.openMenu(row.kind, row.itemID, row.name, null)
+                onMenuRequested: sidebar.openMenu(row, false)
                 onRenameRequested: sidebar.editingKey = row.kind + ":" + row.itemID
                 onRenameFinished: (newName) => {
                     sidebar.editingKey = ""
@@ -241,6 +259,11 @@ Rectangle {
         }
     }
 
+    // An entry that only some folders offer; hidden, it leaves no gap.
+    component FolderMenuItem: MenuItem {
+        height: visible ? implicitHeight : 0
+    }
+
     Menu {
         id: folderMenu
         objectName: "folderMenu"
@@ -254,15 +277,54 @@ Rectangle {
             Accessible.name: "New folder inside " + sidebar.menuName
             onTriggered: sidebar.newFolder(sidebar.menuID)
         }
-        MenuItem {
+        // A folder that is locked away is renamed and set up once it is open.
+        FolderMenuItem {
+            visible: !sidebar.menuLockedAway
             text: "Rename"
             Accessible.name: text
             onTriggered: sidebar.editingKey = "folder:" + sidebar.menuID
         }
-        MenuItem {
+        FolderMenuItem {
+            visible: !sidebar.menuLockedAway
             text: "Folder settings…"
             Accessible.name: text
             onTriggered: sidebar.openSettings("folder", sidebar.menuID)
+        }
+        MenuSeparator {
+            // A folder inside a locked one has no lock entries of its own.
+            visible: sidebar.menuLocked || !sidebar.menuSealed
+            height: visible ? implicitHeight : 0
+        }
+        FolderMenuItem {
+            objectName: "lockFolderItem"
+            // A folder inside a locked one is encrypted with it already.
+            visible: !sidebar.menuLocked && !sidebar.menuSealed
+            enabled: !AppModel.locks.isSealing
+            text: "Lock folder"
+            Accessible.name: text
+            onTriggered: AppModel.locks.lockFolder(sidebar.menuID)
+        }
+        FolderMenuItem {
+            objectName: "unlockFolderItem"
+            visible: sidebar.menuLocked && sidebar.menuLockedAway
+            text: "Unlock folder…"
+            Accessible.name: text
+            onTriggered: AppModel.locks.requestUnlock(sidebar.menuID)
+        }
+        FolderMenuItem {
+            objectName: "lockNowItem"
+            visible: sidebar.menuLocked && !sidebar.menuLockedAway
+            text: "Lock now"
+            Accessible.name: text
+            onTriggered: AppModel.locks.closeFolder(sidebar.menuID)
+        }
+        FolderMenuItem {
+            objectName: "removeLockItem"
+            visible: sidebar.menuLocked && !sidebar.menuLockedAway
+            enabled: !AppModel.locks.isSealing
+            text: "Remove lock"
+            Accessible.name: text
+            onTriggered: sidebar.confirmRemoveLock(sidebar.menuID, sidebar.menuName)
         }
         MenuSeparator {}
         MenuItem {
@@ -305,6 +367,15 @@ Rectangle {
             else
                 AppModel.tree.deleteChat(itemID)
         }
+    }
+
+    ConfirmDialog {
+        id: removeLockDialog
+        objectName: "removeLockDialog"
+        property real itemID: -1
+        text: "Its chats will no longer be encrypted and will open without your password."
+        acceptText: "Remove lock"
+        onAccepted: AppModel.locks.removeLock(itemID)
     }
 
     FolderSettingsSheet {

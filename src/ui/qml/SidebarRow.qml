@@ -23,6 +23,11 @@ Item {
 
     readonly property bool isFolder: kind === "folder"
     readonly property string shownName: name !== "" ? name : (isFolder ? "Locked folder" : "Untitled chat")
+    /// What the row's lock means, for its tooltip and screen readers; empty when unlocked.
+    readonly property string note: lockedAway ? "Locked. Unlock this folder to see its chats."
+                                 : isFolder && isLocked ? "Locked folder, unlocked for now. Its chats are encrypted on this computer."
+                                 : !isFolder && isSealed ? "In a locked folder. This chat is encrypted on this computer."
+                                 : ""
 
     signal selected()
     signal toggled()
@@ -37,6 +42,12 @@ Item {
     Accessible.role: isFolder ? Accessible.TreeItem : Accessible.ListItem
     Accessible.name: (isFolder ? "Folder " : "Chat ") + shownName
     Accessible.selected: isSelected
+    Accessible.description: note
+
+    ToolTip.text: note
+    // A folder that is locked away says so on its own line already.
+    ToolTip.visible: note !== "" && !lockedAway && mouse.containsMouse && !editing
+    ToolTip.delay: 800
 
     /// The field has taken the focus for this edit; losing it from now on ends the edit.
     property bool fieldFocused: false
@@ -156,10 +167,18 @@ Item {
                     onClicked: row.toggled()
                 }
 
+                LockGlyph {
+                    objectName: "lockGlyph"
+                    visible: row.isLocked && !row.editing
+                    open: !row.lockedAway
+                    Layout.rightMargin: 2
+                    Accessible.ignored: true
+                }
+
                 Label {
                     visible: !row.editing
                     Layout.fillWidth: true
-                    text: (row.isLocked ? "🔒 " : "") + row.shownName
+                    text: row.shownName
                     elide: Text.ElideRight
                     font.pixelSize: Theme.bodySize
                     font.bold: row.isFolder
@@ -200,12 +219,12 @@ Item {
                 visible: row.lockedAway
                 Layout.fillWidth: true
                 Layout.leftMargin: 26
-                text: "Locked. Unlock this folder to see its chats."
+                text: row.note
                 wrapMode: Text.WordWrap
                 font.pixelSize: Theme.smallSize
                 color: Theme.secondaryText
-                Accessible.role: Accessible.StaticText
-                Accessible.name: text
+                // The row's description says it.
+                Accessible.ignored: true
             }
         }
     }
