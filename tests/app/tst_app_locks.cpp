@@ -1,6 +1,7 @@
 // Locked folders end to end on a real database file with real key derivation: setting up,
-// what a locked folder hides and leaves in the files, opening with the password and the
-// recovery key, changing the password, locking a further folder, removing a lock.
+// what a locked folder hides and leaves in the files, opening with the password, the screen
+// locking, locking a further folder, removing a lock. The dialogs' password, recovery-key and
+// change flows are driven through the window in tst_lock_window.
 #include "app/app_model.h"
 #include "platform/auto_lock.h"
 #include "storage/database.h"
@@ -160,34 +161,6 @@ private Q_SLOTS:
         QCOMPARE(tree().selectedChatID(), ChatTree::none);
         QCOMPARE(tree().selectedNodeID(), m_diary);
         QVERIFY(m_model->chat()->messages().isEmpty());
-    }
-
-    void theRecoveryKeyResetsAForgottenPassword()
-    {
-        QSignalSpy rejected(&locks(), &FolderLocks::recoveryKeyRejected);
-        QVERIFY(!awaitTask(locks().resetPassword(QStringLiteral("0000-0000-0000-0000-0000-0000-0000-0000"),
-                                                 QStringLiteral("new secret"), open(m_diary))));
-        QCOMPARE(rejected.size(), 1);
-        // Typed leniently: lower case, spaces for dashes.
-        const QString typed = m_recoveryKey.toLower().replace(QLatin1Char('-'), QLatin1Char(' '));
-        QVERIFY(awaitTask(locks().resetPassword(typed, QStringLiteral("new secret"), open(m_diary))));
-        QVERIFY(shown(m_secretChat));
-        locks().lockAll();
-        QVERIFY(!awaitTask(locks().unlock(s_password, open(m_diary))));
-        QVERIFY(awaitTask(locks().unlock(QStringLiteral("new secret"), open(m_diary))));
-        locks().lockAll();
-    }
-
-    void changingThePasswordNeedsTheCurrentOne()
-    {
-        QSignalSpy rejected(&locks(), &FolderLocks::passwordRejected);
-        QVERIFY(!awaitTask(locks().changePassword(s_password, QStringLiteral("third"))));
-        QCOMPARE(rejected.size(), 1);
-        QVERIFY(awaitTask(locks().changePassword(QStringLiteral("new secret"), s_password)));
-        QCOMPARE(m_model->status()->text(), QStringLiteral("Password changed"));
-        QVERIFY(!locks().isUnlocked());
-        QVERIFY(awaitTask(locks().unlock(s_password, open(m_diary))));
-        locks().lockAll();
     }
 
     void lockingASecondFolderAsksForThePasswordFirst()
