@@ -18,24 +18,16 @@
 Q_IMPORT_QML_PLUGIN(CorvanePlugin)
 
 
-class TestFirstRunWindow : public QObject
+class TestFirstRunWindow : public WindowTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void initTestCase()
     {
-        // Any QML warning is a fault in the window.
-        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
-        QVERIFY(m_data.isValid());
-        qputenv("CORVANE_DATA_DIR", m_data.filePath(QStringLiteral("Corvane")).toUtf8());
+        useScratchData();
         m_model = std::make_unique<AppModel>();
-        AppModelSingleton::instance = m_model.get();
-        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
-        QCOMPARE(m_engine.rootObjects().size(), 1);
-        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
-        QVERIFY(m_window);
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        showWindow();
     }
 
     void createsTheDataDirectory()
@@ -71,7 +63,7 @@ private Q_SLOTS:
         QVERIFY(item->width() > 0 && item->height() > 0);
     }
 
-    void savesAPictureThatShowsText() { savePicture(m_window, QStringLiteral("first-run.png"), 0); }
+    void savesAPictureThatShowsText() { savePicture(QStringLiteral("first-run.png"), 0); }
 
     void offersEveryChatModel()
     {
@@ -114,12 +106,6 @@ private Q_SLOTS:
         QCOMPARE(QGuiApplication::exec(), 0);
         QVERIFY(!m_window->isVisible());
     }
-
-private:
-    QTemporaryDir m_data;
-    std::unique_ptr<AppModel> m_model;
-    QQmlApplicationEngine m_engine;
-    QQuickWindow *m_window = nullptr;
 };
 
 QTEST_MAIN(TestFirstRunWindow)

@@ -29,30 +29,23 @@ constexpr int s_slow = 15000;
 
 } // namespace
 
-class TestLockWindow : public QObject
+class TestLockWindow : public WindowTest
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_data;
-    std::unique_ptr<AppModel> m_model;
-    QQmlApplicationEngine m_engine;
-    QQuickWindow *m_window = nullptr;
     qint64 m_work = -1;
     qint64 m_plans = -1;
     qint64 m_notes = -1;
     QString m_recoveryKey;
 
     FolderLocks *locks() const { return m_model->locks(); }
-    QObject *object(const QString &name) { return findObject(m_window, name); }
     QString text(const QString &name, const char *property = "text")
     {
         return object(name)->property(property).toString();
     }
     bool shown(const QString &name) { return object(name)->property("visible").toBool(); }
-    bool isOpened(const QString &popup) { return object(popup)->property("opened").toBool(); }
     bool isLocked(qint64 folder) { return m_model->tree()->folderDetails(folder).value("isLocked").toBool(); }
-    void type(const QString &text) { typeInto(m_window, text); }
 
     void click(QQuickItem *item, Qt::MouseButton button = Qt::LeftButton)
     {
@@ -111,10 +104,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        // Any QML warning is a fault in the window.
-        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
-        QVERIFY(m_data.isValid());
-        qputenv("CORVANE_DATA_DIR", m_data.filePath("Corvane").toUtf8());
+        useScratchData();
         m_model = std::make_unique<AppModel>();
         ChatTree *tree = m_model->tree();
         m_work = tree->addFolder(-1);
@@ -125,13 +115,8 @@ private Q_SLOTS:
         m_notes = tree->addFolder(-1);
         tree->renameNode(m_notes, "Notes");
 
-        AppModelSingleton::instance = m_model.get();
-        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
-        QCOMPARE(m_engine.rootObjects().size(), 1);
-        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
-        QVERIFY(m_window);
+        showWindow();
         m_window->setProperty("skippedSetup", true);
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
         QTRY_VERIFY(chatRow());
     }
 
@@ -169,7 +154,7 @@ private Q_SLOTS:
         QVERIFY(!locks()->isWorking());
         QVERIFY(isOpened("setUpSheet"));
         if (QByteArray(QTest::currentDataTag()) == "confirmation differs")
-            savePicture(m_window, QStringLiteral("lock-setup.png"));
+            savePicture(QStringLiteral("lock-setup.png"));
     }
 
     void setUpLocksTheFolder()
@@ -199,7 +184,7 @@ private Q_SLOTS:
         QCOMPARE(QGuiApplication::clipboard()->text(), m_recoveryKey);
         click("savedRecoveryKey");
         QTRY_VERIFY(object("recoveryKeySheetConfirm")->property("enabled").toBool());
-        savePicture(m_window, QStringLiteral("recovery-key.png"));
+        savePicture(QStringLiteral("recovery-key.png"));
         click("recoveryKeySheetConfirm");
         QTRY_VERIFY(!shown("recoveryKeySheet"));
         QCOMPARE(locks()->sheetKind(), int(FolderLocks::noSheet));
@@ -255,7 +240,7 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(text("unlockError"), s_wrongPassword, s_slow);
         QVERIFY(isOpened("unlockSheet"));
         QTRY_VERIFY(!locks()->isWorking());
-        savePicture(m_window, QStringLiteral("unlock.png"));
+        savePicture(QStringLiteral("unlock.png"));
         // Typing again clears the message; the wrong text is selected, so it is replaced.
         type(s_password);
         QCOMPARE(text("unlockError"), QString());
@@ -361,7 +346,7 @@ private Q_SLOTS:
         while (!flickable->inherits("QQuickFlickable"))
             flickable = flickable->parentItem();
         flickable->setProperty("contentY", section->y() - 60);
-        savePicture(m_window, QStringLiteral("lock-settings.png"));
+        savePicture(QStringLiteral("lock-settings.png"));
 
         click("changePasswordButton");
         waitForSheet("changePasswordSheet", "currentPasswordField");

@@ -41,45 +41,19 @@ qint64 addAssistantMessage(Database &db, qint64 chatID, const QString &body, con
 
 } // namespace
 
-class TestMainWindow : public QObject
+class TestMainWindow : public WindowTest
 {
     Q_OBJECT
 
 private:
-    QTemporaryDir m_data;
-    std::unique_ptr<AppModel> m_model;
-    QQmlApplicationEngine m_engine;
-    QQuickWindow *m_window = nullptr;
     qint64 m_markdownChat = -1;
     qint64 m_workFolder = -1;
     qint64 m_question = -1;
 
-    void savePicture(const QString &name, int settleMs = 300) { ::savePicture(m_window, name, settleMs); }
-
-    void type(const QString &text) { typeInto(m_window, text); }
-
-    QString textOf(const QString &objectName)
-    {
-        QObject *object = findObject(m_window, objectName);
-        return object ? object->property("text").toString() : QStringLiteral("<missing %1>").arg(objectName);
-    }
-
-    void closePopup(const QString &objectName)
-    {
-        QObject *popup = findObject(m_window, objectName);
-        QVERIFY(popup);
-        QVERIFY(QMetaObject::invokeMethod(popup, "close"));
-        QTRY_VERIFY(!popup->property("visible").toBool());
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
-        // Any QML warning is a fault in the window.
-        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
-        QVERIFY(m_data.isValid());
-        const QString support = m_data.filePath(QStringLiteral("Corvane"));
-        qputenv("CORVANE_DATA_DIR", support.toUtf8());
+        const QString support = useScratchData();
 
         // The generated model, "installed" under the catalogue entry's file name.
         QVERIFY2(QFileInfo::exists(s_testModel), qPrintable(s_testModel));
@@ -99,12 +73,7 @@ private Q_SLOTS:
         m_model->tree()->reload();
         m_model->chat()->loadMessages();
 
-        AppModelSingleton::instance = m_model.get();
-        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
-        QCOMPARE(m_engine.rootObjects().size(), 1);
-        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
-        QVERIFY(m_window);
-        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+        showWindow();
     }
 
     void showsTheChatWithItsMessages()

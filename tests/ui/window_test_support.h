@@ -2,13 +2,19 @@
 
 // Finding the window's items, typing into it and saving pictures of it, for the window tests.
 
+#include "app/app_model.h"
+#include "qml_types.h"
+
 #include <QDir>
 #include <QImage>
+#include <QQmlApplicationEngine>
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <functional>
+#include <memory>
 
 // Items that a Loader or a view creates are reachable through the visual tree, not QObject
 // children; popups and their dialogs are QObject children. A view's rows share object names,
@@ -69,3 +75,52 @@ inline void savePicture(QQuickWindow *window, const QString &name, int settleMs 
     QVERIFY2(darkPixels(image) > 200, qPrintable(name));
 }
 
+
+/// A window test's fixture: a scratch data folder, the application model and the window
+/// loaded over it. Any QML warning fails the test. The model is declared before the engine,
+/// so that the window goes first at the end.
+class WindowTest : public QObject
+{
+protected:
+    QTemporaryDir m_data;
+    std::unique_ptr<AppModel> m_model;
+    QQmlApplicationEngine m_engine;
+    QQuickWindow *m_window = nullptr;
+
+    /// The data folder the model is to use: m_data's "Corvane", set for the model to find.
+    QString useScratchData()
+    {
+        QTest::failOnWarning(QRegularExpression(QStringLiteral("qrc:/")));
+        const QString support = m_data.filePath(QStringLiteral("Corvane"));
+        qputenv("CORVANE_DATA_DIR", support.toUtf8());
+        return support;
+    }
+
+    /// Loads the window over m_model and waits until it is drawn.
+    void showWindow()
+    {
+        AppModelSingleton::instance = m_model.get();
+        m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
+        QCOMPARE(m_engine.rootObjects().size(), 1);
+        m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());
+        QVERIFY(m_window);
+        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+    }
+
+    QObject *object(const QString &name) { return findObject(m_window, name); }
+    QString textOf(const QString &name)
+    {
+        QObject *found = object(name);
+        return found ? found->property("text").toString() : QStringLiteral("<missing %1>").arg(name);
+    }
+    bool isOpened(const QString &popup) { return object(popup)->property("opened").toBool(); }
+    void closePopup(const QString &name)
+    {
+        QObject *popup = object(name);
+        QVERIFY(popup);
+        QVERIFY(QMetaObject::invokeMethod(popup, "close"));
+        QTRY_VERIFY(!popup->property("visible").toBool());
+    }
+    void type(const QString &text) { typeInto(m_window, text); }
+    void savePicture(const QString &name, int settleMs = 300) { ::savePicture(m_window, name, settleMs); }
+};
