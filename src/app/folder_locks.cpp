@@ -212,14 +212,14 @@ void FolderLocks::forgetKeyIfAllLocked()
         return;
     Q_EMIT keyForgotten();
     setKey(std::nullopt);
-    m_tree.reload();
 }
 
 void FolderLocks::hideLockedAway()
 {
+    forgetKeyIfAllLocked();
+    // Read once more, so that no sealed text decrypted with the key stays in memory.
     m_tree.reload();
     m_tree.hideLockedAway();
-    forgetKeyIfAllLocked();
 }
 
 // ---- flows
@@ -344,8 +344,7 @@ QCoro::Task<> FolderLocks::didUnlock(VaultKey key, UnlockPurpose purpose)
     case UnlockPurpose::TouchID:
         break;
     }
-    m_tree.reload();
-    forgetKeyIfAllLocked();
+    hideLockedAway();
 }
 
 QCoro::Task<bool> FolderLocks::setFolderLocked(qint64 folderID, bool locked)
@@ -390,7 +389,6 @@ QCoro::Task<bool> FolderLocks::setFolderLocked(qint64 folderID, bool locked)
             m_unlockedFolderIDs.remove(folderID);
         m_status.show(locked ? QStringLiteral("“%1” locked").arg(name) : QStringLiteral("“%1” is no longer locked").arg(name));
     }
-    m_tree.reload();
     hideLockedAway();
     co_return done;
 }

@@ -60,7 +60,6 @@ public:
     bool isUnlocked() const;
     /// Whether the locked folder `id` was opened in this run.
     bool isOpen(qint64 id) const { return m_unlockedFolderIDs.contains(id); }
-    const QSet<qint64> &unlockedFolderIDs() const { return m_unlockedFolderIDs; }
     /// The folder whose lock is changing now; its contents are hidden meanwhile.
     std::optional<qint64> sealingFolderID() const;
     bool isWorking() const { return m_working > 0; }
@@ -111,7 +110,7 @@ public:
     /// Seals (`locked`) or reveals a folder and everything below it. Needs a vault and the key.
     QCoro::Task<bool> setFolderLocked(qint64 folderID, bool locked);
 
-    /// Drops the selection of what is locked away and forgets the key when nothing is open.
+    /// Forgets the key when nothing is open, and drops the selection of what is locked away.
     void hideLockedAway();
     /// Finishes the scrub of a lock change that quitting cut short.
     QCoro::Task<> scrubIfNeeded();

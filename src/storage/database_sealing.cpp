@@ -200,7 +200,7 @@ void Database::setFolderLocked(qint64 folderID, bool locked,
                     {DBValue::text(seal(name, locked && !isTarget)), DBValue::flag(locked && isTarget),
                      DBValue::flag(locked), DBValue::integer(node)});
             for (qint64 chat : ids(QStringLiteral("SELECT id FROM chats WHERE node_id=?"), node)) {
-                done += ids(QStringLiteral("SELECT id FROM messages WHERE chat_id=?"), chat).size();
+                done += messageIDs(chat).size();
                 resealChat(chat, locked);
                 if (progress)
                     progress(done, total);
