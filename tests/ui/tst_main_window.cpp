@@ -106,32 +106,15 @@ private Q_SLOTS:
         closePopup(QStringLiteral("privacyNote"));
     }
 
-    void settingsSheet_data()
+    void settingsSheetShowsTheSettings()
     {
-        QTest::addColumn<QString>("objectName");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("context sizes") << "contextChoice" << "16K tokens (+0.3 GB)";
-        QTest::newRow("maximum response") << "maxResponseChoice" << "1024 tokens";
-        QTest::newRow("assistant name field") << "globalAgentNameField" << "Corvane";
-    }
-
-    void settingsSheet()
-    {
-        QFETCH(QString, objectName);
-        QFETCH(QString, text);
-        QObject *sheet = findObject(m_window, QStringLiteral("settingsSheet"));
-        QVERIFY(sheet);
-        if (!sheet->property("opened").toBool()) {
-            QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
-            QTRY_VERIFY(sheet->property("opened").toBool());
-        }
-        const QString key = objectName.endsWith(QLatin1String("Choice")) ? QStringLiteral("displayText") : QStringLiteral("text");
-        QCOMPARE(findObject(m_window, objectName)->property(key.toUtf8()).toString(), text);
-    }
-
-    void settingsSheetPicture()
-    {
-        QVERIFY(findObject(m_window, QStringLiteral("settingsSheet"))->property("opened").toBool());
+        QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
+        QTRY_VERIFY(isOpened(QStringLiteral("settingsSheet")));
+        QCOMPARE(object(QStringLiteral("contextChoice"))->property("displayText").toString(),
+                 QStringLiteral("16K tokens (+0.3 GB)"));
+        QCOMPARE(object(QStringLiteral("maxResponseChoice"))->property("displayText").toString(),
+                 QStringLiteral("1024 tokens"));
+        QCOMPARE(textOf(QStringLiteral("globalAgentNameField")), QStringLiteral("Corvane"));
         savePicture(QStringLiteral("settings.png"));
         closePopup(QStringLiteral("settingsSheet"));
     }
