@@ -71,6 +71,7 @@ QCoro::Task<bool> AppModel::eraseAll()
     m_settings->resetAfterErase();
     m_models->reloadInstalled();
     m_tree->resetAfterErase();
+    m_search->resetAfterErase();
     m_status->show(QStringLiteral("All Corvane data erased"));
     co_return true;
 }

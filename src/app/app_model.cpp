@@ -48,10 +48,11 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
             .sealingFolder = [this] { return m_locks->sealingFolderID(); },
             .requestUnlock = [this](qint64 id) { m_locks->requestUnlock(id); },
         });
-    m_locks = std::make_unique<FolderLocks>(*m_database, m_supportDirectory + QStringLiteral("/chats.sqlite"),
-                                            *m_tree, *m_status);
+    const QString databasePath = m_supportDirectory + QStringLiteral("/chats.sqlite");
+    m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status);
     m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status,
                                            [this] { return isStorageBusy(); });
+    m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
 
     // The rules between areas.
     connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {
@@ -76,6 +77,11 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         if (sealed(m_chat->compactor().chatID()))
             m_chat->compactor().cancel();
     });
+    // What search may show changes with the tree and with every lock, opened or closed.
+    connect(m_tree.get(), &ChatTree::treeChanged, m_search.get(), &Search::refresh);
+    connect(m_locks.get(), &FolderLocks::keyChanged, m_search.get(), &Search::refresh);
+    connect(m_locks.get(), &FolderLocks::lockedFoldersChanged, m_search.get(), &Search::refresh);
+    connect(m_locks.get(), &FolderLocks::workingChanged, m_search.get(), &Search::refresh);
     connect(m_models.get(), &ModelsController::busyChanged, this, &AppModel::activityChanged);
     connect(this, &AppModel::activityChanged, this, &AppModel::readinessChanged);
     connect(m_status.get(), &StatusBanner::changed, this, &AppModel::readinessChanged);

@@ -6,6 +6,7 @@
 #include "app/folder_locks.h"
 #include "app/models_controller.h"
 #include "app/readiness.h"
+#include "app/search.h"
 #include "app/status_banner.h"
 #include "models/model_spec.h"
 
@@ -33,6 +34,7 @@ class AppModel : public QObject
     Q_PROPERTY(ChatTree *tree READ tree CONSTANT)
     Q_PROPERTY(ChatSession *chat READ chat CONSTANT)
     Q_PROPERTY(FolderLocks *locks READ locks CONSTANT)
+    Q_PROPERTY(Search *search READ search CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -57,6 +59,7 @@ public:
     ChatTree *tree() const { return m_tree.get(); }
     ChatSession *chat() const { return m_chat.get(); }
     FolderLocks *locks() const { return m_locks.get(); }
+    Search *search() const { return m_search.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
 
@@ -98,6 +101,7 @@ private:
     std::unique_ptr<ChatTree> m_tree;
     std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatSession> m_chat;
+    std::unique_ptr<Search> m_search;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;
 };

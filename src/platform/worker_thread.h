@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QThreadPool>
 #include <QtConcurrent/QtConcurrentRun>
 
 #include <QCoro/QCoroFuture>
@@ -8,15 +9,15 @@
 #include <exception>
 #include <variant>
 
-/// Runs `work` on a thread of Qt's global pool and resumes the caller on its own thread with
-/// the result, or the exception `work` threw. QFuture carries only QException across threads,
-/// so any other exception travels by hand.
+/// Runs `work` on a thread of `pool` (Qt's global pool unless given) and resumes the caller on
+/// its own thread with the result, or the exception `work` threw. QFuture carries only
+/// QException across threads, so any other exception travels by hand.
 template <typename Result, typename Work>
-QCoro::Task<Result> onWorkerThread(Work work)
+QCoro::Task<Result> onWorkerThread(Work work, QThreadPool *pool = QThreadPool::globalInstance())
 {
     using Outcome = std::variant<std::exception_ptr, Result>;
     // Kept in locals: g++ 12 mishandles temporaries inside a co_await expression.
-    QFuture<Outcome> future = QtConcurrent::run([work = std::move(work)]() -> Outcome {
+    QFuture<Outcome> future = QtConcurrent::run(pool, [work = std::move(work)]() -> Outcome {
         try {
             return Outcome(std::in_place_index<1>, work());
         } catch (...) {

@@ -7,6 +7,9 @@
 #include <QString>
 #include <QStringList>
 
+#include <QSet>
+
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,11 +17,21 @@
 
 struct sqlite3;
 
+/// Where a search looks.
+struct SearchScope
+{
+    /// Only chats in these folders; absent: every folder.
+    std::optional<QSet<qint64>> folderIDs;
+    /// Only these sealed chats; absent: every one. Sealed chats are read only with the key.
+    std::optional<QSet<qint64>> sealedChatIDs;
+};
+
 /// The SQLite file that holds every folder, chat, message and setting, and the one object
 /// through which the application reads and writes it. Sealed columns (those of chats in
 /// locked folders) are encrypted and decrypted here, so callers always see plain records.
 ///
-/// Used from the main thread only. SQLite failures throw DatabaseError; reading or writing a
+/// Used from one thread at a time: the application's connection from the main thread, a
+/// reading connection (`Options::readOnly`) from the thread that searches. SQLite failures throw DatabaseError; reading or writing a
 /// sealed value while no vault key is held throws VaultError::locked(); a sealed value that
 /// fails authentication throws SealedBoxError.
 class Database
@@ -31,6 +44,9 @@ public:
         /// whole tables. The application always uses the default; turning them off exists
         /// only so that benchmarks can measure what they buy.
         bool foreignKeyIndexes = true;
+        /// Opens an existing file only to read it, without the schema work that writes: a
+        /// second connection for searches on another thread.
+        bool readOnly = false;
     };
 
     /// Opens (creating when missing) the database at `filePath` and brings it up to date:
@@ -88,8 +104,17 @@ public:
     QStringList imageNames(bool sealed);
 
     /// Chats whose title contains `term`, then messages whose shown text or image
-    /// description contains `term` as a phrase, best first. Plain chats only.
-    QList<SearchHit> search(const QString &term);
+    /// description contains `term` as a phrase (SearchText), best first: plain chats through
+    /// the full-text index, then, while the vault key is held, sealed chats in memory. The
+    /// title hits come first, plain then sealed, then the message hits, plain then sealed. At
+    /// most 30 plain titles and 100 messages of each kind.
+    QList<SearchHit> search(const QString &term, const SearchScope &scope = {});
+    /// The title hits and the message hits of sealed chats, newest chat first, read and
+    /// decrypted one message at a time; needs the vault key.
+    std::pair<QList<SearchHit>, QList<SearchHit>> searchSealed(const QString &term, const SearchScope &scope = {});
+    /// Stops the search running on this connection, from any thread: it throws DatabaseError
+    /// with SQLite's interrupt code. Searches started later run normally.
+    void interrupt();
 
     // Writes -------------------------------------------------------------------------------
 
@@ -189,12 +214,15 @@ private:
         void operator()(sqlite3 *connection) const;
     };
 
-    void open(const QString &filePath);
+    void open(const QString &filePath, bool readOnly);
     void migrate();
     void createSearchIndex();
     bool flag(const QString &sql, qint64 id);
     QString revealOrEmpty(const QString &text, bool sealed);
 
+    QList<SearchHit> searchIndex(const QString &term, const std::optional<QSet<qint64>> &folderIDs);
+
     std::unique_ptr<sqlite3, Closer> m_connection;
     std::optional<VaultKey> m_vaultKey;
+    std::atomic<bool> m_interrupted = false;
 };

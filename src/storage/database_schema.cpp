@@ -3,6 +3,7 @@
 #include "storage/database.h"
 
 #include "storage/database_error.h"
+#include "storage/search_rank.h"
 #include "storage/statement.h"
 
 #include <sqlite3.h>
@@ -126,7 +127,9 @@ Database::Database(const QString &filePath)
 
 Database::Database(const QString &filePath, Options options)
 {
-    open(filePath);
+    open(filePath, options.readOnly);
+    if (options.readOnly)
+        return;
     execute(QStringLiteral("PRAGMA foreign_keys = ON"));
     // Deleted content is overwritten in the file: locked folders must leave no plain text.
     execute(QStringLiteral("PRAGMA secure_delete = ON;"));
@@ -141,10 +144,11 @@ Database::Database(const QString &filePath, Options options)
 
 Database::~Database() = default;
 
-void Database::open(const QString &filePath)
+void Database::open(const QString &filePath, bool readOnly)
 {
     sqlite3 *connection = nullptr;
-    const int result = sqlite3_open(filePath.toUtf8().constData(), &connection);
+    const int flags = readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const int result = sqlite3_open_v2(filePath.toUtf8().constData(), &connection, flags, nullptr);
     // SQLite hands back a connection even when opening fails; it carries the error.
     m_connection.reset(connection);
     if (result != SQLITE_OK) {
@@ -152,6 +156,10 @@ void Database::open(const QString &filePath)
             throw DatabaseError(result, QString::fromUtf8(sqlite3_errstr(result)));
         throw DatabaseError::fromConnection(connection);
     }
+    // Another connection (a search, a lock change) may hold the file for a moment: wait for
+    // it rather than fail the read or the write.
+    sqlite3_busy_timeout(connection, 5000);
+    registerMatchRank(connection);
 }
 
 void Database::migrate()

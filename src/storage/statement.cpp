@@ -53,6 +53,11 @@ bool Statement::next()
     }
 }
 
+double Statement::real(int column) const
+{
+    return sqlite3_column_double(m_statement, column);
+}
+
 qint64 Statement::integer(int column) const
 {
     return sqlite3_column_int64(m_statement, column);

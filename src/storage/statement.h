@@ -29,6 +29,7 @@ public:
     bool next();
 
     qint64 integer(int column) const;
+    double real(int column) const;
     bool flag(int column) const { return integer(column) != 0; }
     /// The column as text; SQL NULL reads as the empty string.
     QString text(int column) const;

@@ -67,6 +67,13 @@ void MessageListModel::updateMarker()
             Q_EMIT dataChanged(index(changed), index(changed), {ShowsSummaryMarkerRole});
 }
 
+int MessageListModel::rowOf(qint64 messageID) const
+{
+    // Messages are listed in the order they were added, which is the order of their ids.
+    const auto it = std::ranges::lower_bound(m_messages, messageID, {}, &Message::id);
+    return it != m_messages.end() && it->id == messageID ? int(it - m_messages.begin()) : -1;
+}
+
 int MessageListModel::rowCount(const QModelIndex &parent) const
 {
     return parent.isValid() ? 0 : int(m_messages.size());

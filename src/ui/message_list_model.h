@@ -34,6 +34,9 @@ public:
     ChatSession *source() const { return m_source; }
     void setSource(ChatSession *source);
 
+    /// The row of the message with `messageID`, -1 when it is not shown.
+    Q_INVOKABLE int rowOf(qint64 messageID) const;
+
     int rowCount(const QModelIndex &parent = {}) const override;
     QVariant data(const QModelIndex &index, int role) const override;
     QHash<int, QByteArray> roleNames() const override;

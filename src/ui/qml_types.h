@@ -80,6 +80,14 @@ struct FolderLocksForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct SearchForeign
+{
+    Q_GADGET
+    QML_FOREIGN(Search)
+    QML_NAMED_ELEMENT(Search)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 namespace ReadinessForeign {
 Q_NAMESPACE
 QML_FOREIGN_NAMESPACE(Readiness)

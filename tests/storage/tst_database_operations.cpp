@@ -1,4 +1,4 @@
-// Reads, writes, deletes and search on plain (unlocked) data; the queue of deleted folders
+// Reads, writes and deletes on plain (unlocked) data; the queue of deleted folders
 // and chats; record hashes.
 #include "sql_probe.h"
 
@@ -112,45 +112,6 @@ private Q_SLOTS:
         QCOMPARE(m_db->search("words").size(), 1);
         m_db->execute("DELETE FROM chats");
         QCOMPARE(query("SELECT count(*) FROM message_search"), QStringList({"0"}));
-    }
-
-    void search_data()
-    {
-        QTest::addColumn<QString>("term");
-        QTest::addColumn<QStringList>("expected"); // chat titles, then snippets
-        QTest::newRow("phrase in order") << "quick fox" << QStringList{"the \x02quick fox\x03 jumps"};
-        QTest::newRow("words out of order") << "fox quick" << QStringList();
-        QTest::newRow("no prefix matching") << "qui" << QStringList();
-        QTest::newRow("FTS syntax is literal") << "fox OR NEAR(" << QStringList();
-        QTest::newRow("double quotes") << "say \"hi\"" << QStringList{"\x02say hi\x03"};
-        QTest::newRow("display, not body") << "costume" << QStringList{"\x02" "costume\x03"};
-        QTest::newRow("image description") << "lighthouse" << QStringList{"a \x02lighthouse\x03"};
-        QTest::newRow("hidden message") << "secret" << QStringList();
-        QTest::newRow("title first, any case") << "RECIPES" << QStringList{"Recipes", "old \x02recipes\x03"};
-        QTest::newRow("sealed chat title") << "Hidden" << QStringList();
-    }
-
-    void search()
-    {
-        QFETCH(QString, term);
-        QFETCH(QStringList, expected);
-        const qint64 recipes = m_db->addChat(1, "Recipes");
-        const qint64 other = m_db->addChat(1, "Other");
-        m_db->execute("INSERT INTO chats(node_id, title, sealed) VALUES(1, 'Hidden things', 1)");
-        for (const char *body : {"the quick fox jumps", "say hi"})
-            addMessage(*m_db, other, body);
-        addMessage(*m_db, other, "raw body", false, "costume");
-        addMessage(*m_db, other, "secret", true);
-        addMessage(*m_db, recipes, "old recipes");
-        m_db->execute("UPDATE messages SET image_description='a lighthouse' WHERE body='raw body'");
-
-        QStringList found;
-        for (const SearchHit &hit : m_db->search(term)) {
-            const bool title = hit.snippet == "Chat title";
-            QVERIFY(title ? hit.id == -hit.chatID : hit.id > 0);
-            found << (title ? hit.chatTitle : hit.snippet);
-        }
-        QCOMPARE(found, expected);
     }
 
     void movingBetweenPlainFoldersDoesNotCompact()

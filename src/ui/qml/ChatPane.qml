@@ -17,6 +17,31 @@ Rectangle {
         composer.focusInput()
     }
 
+    /// Scrolls to a message of the chat just opened and marks it for a moment; a title hit
+    /// (-1) shows the chat as usual.
+    function showMessage(messageID: real) {
+        const row = messageID >= 0 ? messages.rowOf(messageID) : -1
+        if (row < 0) {
+            focusComposer()
+            return
+        }
+        list.followsEnd = false
+        list.currentIndex = row
+        foundMessageID = messageID
+        foundTimer.restart()
+        Qt.callLater(() => list.positionViewAtIndex(row, ListView.Center))
+        list.forceActiveFocus()
+    }
+
+    /// The message a search led to, marked until `foundTimer` ends.
+    property real foundMessageID: -1
+
+    Timer {
+        id: foundTimer
+        interval: 2000
+        onTriggered: pane.foundMessageID = -1
+    }
+
     readonly property bool hasChat: AppModel.tree.selectedChatID >= 0
     readonly property bool showsLiveReply: AppModel.chat.isGenerating
     readonly property string liveText: AppModel.chat.liveDisplay !== "" ? AppModel.chat.liveDisplay : AppModel.chat.liveReply
@@ -52,7 +77,13 @@ Rectangle {
 
                 function scrollToEnd() {
                     if (followsEnd)
-                        Qt.callLater(list.positionViewAtEnd)
+                        Qt.callLater(list.followEnd)
+                }
+
+                // Asked for later: by then the user (or a search) may have moved elsewhere.
+                function followEnd() {
+                    if (followsEnd)
+                        positionViewAtEnd()
                 }
 
                 anchors.fill: parent
@@ -76,6 +107,7 @@ Rectangle {
 
                 delegate: MessageRow {
                     width: list.width
+                    isFound: messageID === pane.foundMessageID
                     onSummaryRequested: summaryPopup.open()
                     onMetadataRequested: (id) => metadataPopup.show(id)
                 }

@@ -34,7 +34,30 @@ ApplicationWindow {
 
         ColumnLayout {
             id: main
+            objectName: "main"
             spacing: 0
+
+            /// The detail pane shows the search rather than the chat.
+            property bool searching: false
+            /// Where the keyboard was before the search opened, to go back to.
+            property Item focusBeforeSearch: null
+
+            function openSearch() {
+                if (!searching) {
+                    focusBeforeSearch = window.activeFocusItem
+                    AppModel.search.begin()
+                    searching = true
+                }
+                searchPane.focusField()
+            }
+
+            function closeSearch() {
+                searching = false
+                if (focusBeforeSearch)
+                    focusBeforeSearch.forceActiveFocus()
+                else
+                    chatPane.focusComposer()
+            }
 
             /// What the status button says for each readiness.
             function readinessText(readiness: int): string {
@@ -57,6 +80,11 @@ ApplicationWindow {
                 sequence: "Ctrl+Shift+N"
                 context: Qt.WindowShortcut
                 onActivated: sidebar.newFolder(-1)
+            }
+            Shortcut {
+                sequences: ["Ctrl+F", "Ctrl+K"]
+                context: Qt.WindowShortcut
+                onActivated: main.openSearch()
             }
             Shortcut {
                 sequence: "Ctrl+,"
@@ -118,6 +146,14 @@ ApplicationWindow {
                         onClicked: AppModel.locks.lockAll()
                     }
                     Button {
+                        objectName: "searchButton"
+                        text: "Search"
+                        flat: true
+                        Accessible.name: "Search your chats"
+                        Accessible.description: "Ctrl+F"
+                        onClicked: main.openSearch()
+                    }
+                    Button {
                         objectName: "privacyButton"
                         text: "Private to this computer"
                         flat: true
@@ -175,13 +211,33 @@ ApplicationWindow {
                     objectName: "sidebar"
                     SplitView.preferredWidth: Theme.sidebarWidth
                     SplitView.minimumWidth: 180
-                    onChatOpened: chatPane.focusComposer()
+                    onChatOpened: {
+                        main.searching = false
+                        chatPane.focusComposer()
+                    }
                 }
-                ChatPane {
-                    id: chatPane
-                    objectName: "chatPane"
+                Item {
                     SplitView.fillWidth: true
                     SplitView.minimumWidth: 300
+
+                    ChatPane {
+                        id: chatPane
+                        objectName: "chatPane"
+                        anchors.fill: parent
+                        visible: !main.searching
+                    }
+                    SearchPane {
+                        id: searchPane
+                        objectName: "searchPane"
+                        anchors.fill: parent
+                        visible: main.searching
+                        onClosed: main.closeSearch()
+                        onHitChosen: (chatID, messageID) => {
+                            main.searching = false
+                            AppModel.tree.selectChat(chatID)
+                            chatPane.showMessage(messageID)
+                        }
+                    }
                 }
             }
 

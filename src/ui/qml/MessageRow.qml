@@ -15,6 +15,8 @@ Item {
     required property bool showsSummaryMarker
     /// The reply being written now, not yet stored.
     property bool isLive: false
+    /// The message a search led to: marked for a moment.
+    property bool isFound: false
 
     readonly property bool isUser: role === "user"
     readonly property real maxBubbleWidth: Math.max(120, width * 0.75)
@@ -26,6 +28,17 @@ Item {
 
     Accessible.role: Accessible.ListItem
     Accessible.name: (isUser ? "You: " : "Assistant: ") + text
+
+    Rectangle {
+        objectName: "foundMark"
+        anchors.fill: parent
+        color: Theme.selection
+        opacity: row.isFound ? 1 : 0
+        visible: opacity > 0
+        Behavior on opacity {
+            NumberAnimation { duration: 400 }
+        }
+    }
 
     ColumnLayout {
         id: column
