@@ -77,6 +77,9 @@ void Search::begin()
 
 void Search::refresh()
 {
+    // What can no longer be shown goes at once: a chat deleted or locked away must not linger
+    // on screen until the search comes back.
+    publish(visible(m_hits));
     // Several changes usually come together (a reload, a lock, a key): one search for them.
     if (m_refreshScheduled || m_term.trimmed().isEmpty())
         return;

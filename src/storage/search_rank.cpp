@@ -10,10 +10,11 @@ fts5_api *fts5Api(sqlite3 *connection)
 {
     fts5_api *api = nullptr;
     sqlite3_stmt *statement = nullptr;
-    if (sqlite3_prepare_v2(connection, "SELECT fts5(?1)", -1, &statement, nullptr) == SQLITE_OK) {
-        sqlite3_bind_pointer(statement, 1, static_cast<void *>(&api), "fts5_api_ptr", nullptr);
-        sqlite3_step(statement);
-    }
+    // The first statement on a connection reads the file: a file that is no database fails here.
+    if (sqlite3_prepare_v2(connection, "SELECT fts5(?1)", -1, &statement, nullptr) != SQLITE_OK)
+        throw DatabaseError::fromConnection(connection);
+    sqlite3_bind_pointer(statement, 1, static_cast<void *>(&api), "fts5_api_ptr", nullptr);
+    sqlite3_step(statement);
     sqlite3_finalize(statement);
     return api;
 }

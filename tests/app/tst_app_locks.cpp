@@ -58,6 +58,16 @@ private:
 
     bool shown(qint64 chatID) { return tree().chat(chatID) && !tree().isLockedAway(*tree().chat(chatID)); }
 
+    /// What the search pane shows for the secret word, once its search came back.
+    void searchSecretWord(int expected)
+    {
+        Search &search = *m_model->search();
+        search.setTerm(QString::fromLatin1(s_secretWord));
+        QCoreApplication::processEvents(); // a refresh waits for the event loop
+        QTRY_VERIFY(!search.isSearching());
+        QCOMPARE(search.hits().size(), expected);
+    }
+
 private Q_SLOTS:
     // One story, in order: each step starts where the last one left off.
     void initTestCase()
@@ -140,6 +150,7 @@ private Q_SLOTS:
 
     void openingTakesTheRightPassword()
     {
+        searchSecretWord(0);
         QSignalSpy rejected(&locks(), &FolderLocks::passwordRejected);
         QVERIFY(!awaitTask(locks().unlock(QStringLiteral("wrong horse"), open(m_diary))));
         QCOMPARE(rejected.size(), 1);
@@ -148,6 +159,7 @@ private Q_SLOTS:
         QVERIFY(awaitTask(locks().unlock(s_password, open(m_diary))));
         QVERIFY(locks().isUnlocked());
         QVERIFY(shown(m_secretChat));
+        searchSecretWord(51); // its title and its 50 messages, read in memory
         tree().selectChat(m_secretChat);
         QCOMPARE(m_model->chat()->messages().size(), 50);
         QCOMPARE(m_model->chat()->title(), QStringLiteral("About the quokkaplasma"));
@@ -155,6 +167,8 @@ private Q_SLOTS:
         // The screen locking closes it again and forgets the key.
         QVERIFY(m_model->autoLock().isArmed());
         Q_EMIT m_model->autoLock().lockRequested(AutoLock::Reason::ScreenLocked);
+        QVERIFY(m_model->search()->hits().isEmpty()); // at once, before any search came back
+        searchSecretWord(0);
         QVERIFY(!m_model->autoLock().isArmed());
         QVERIFY(!locks().isUnlocked());
         QVERIFY(!shown(m_secretChat));

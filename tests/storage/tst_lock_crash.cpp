@@ -128,7 +128,8 @@ private Q_SLOTS:
             for (const Message &message : messages)
                 QVERIFY2(message.body.startsWith(s_word), qPrintable(message.body));
         }
-        QCOMPARE(db.search(s_word).isEmpty(), locked);
+        // The index holds the words only while the chats are plain (no sealed chat is read).
+        QCOMPARE(db.search(s_word, {.folderIDs = std::nullopt, .sealedChatIDs = QSet<qint64>()}).isEmpty(), locked);
         QVERIFY(!db.needsScrub());
         db.execute(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE);"));
         QCOMPARE(files(path).contains(s_word.toUtf8()), !locked);

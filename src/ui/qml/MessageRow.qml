@@ -32,7 +32,7 @@ Item {
     Rectangle {
         objectName: "foundMark"
         anchors.fill: parent
-        color: Theme.selection
+        color: Theme.found
         opacity: row.isFound ? 1 : 0
         visible: opacity > 0
         Behavior on opacity {

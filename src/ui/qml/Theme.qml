@@ -15,6 +15,7 @@ QtObject {
     readonly property color selection: "#d6e2fb"
     readonly property color folderSelection: "#e4e2dc"
     readonly property color userBubble: "#e3ebfb"
+    readonly property color found: "#fdf0b8"
 
     readonly property int spacing: 12
     readonly property int largeSpacing: 24
