@@ -41,10 +41,13 @@ ApplicationWindow {
             property bool searching: false
             /// Where the keyboard was before the search opened, to go back to.
             property Item focusBeforeSearch: null
+            /// The chat selected when the search opened: choosing another elsewhere shows it.
+            property real chatBeforeSearch: -1
 
             function openSearch() {
                 if (!searching) {
                     focusBeforeSearch = window.activeFocusItem
+                    chatBeforeSearch = AppModel.tree.selectedChatID
                     AppModel.search.begin()
                     searching = true
                 }
@@ -81,6 +84,16 @@ ApplicationWindow {
                 context: Qt.WindowShortcut
                 onActivated: sidebar.newFolder(-1)
             }
+            Connections {
+                target: AppModel.tree
+                function onSelectionChanged() {
+                    // A chat chosen in the sidebar (or a new one) replaces the search.
+                    const chat = AppModel.tree.selectedChatID
+                    if (main.searching && chat >= 0 && chat !== main.chatBeforeSearch)
+                        main.searching = false
+                }
+            }
+
             Shortcut {
                 sequences: ["Ctrl+F", "Ctrl+K"]
                 context: Qt.WindowShortcut
@@ -110,7 +123,8 @@ ApplicationWindow {
             Shortcut {
                 sequence: "Escape"
                 context: Qt.WindowShortcut
-                enabled: AppModel.chat.isGenerating
+                // In the search, Escape goes back instead.
+                enabled: AppModel.chat.isGenerating && !main.searching
                 onActivated: AppModel.chat.stopReply()
             }
 
