@@ -155,6 +155,7 @@ Rectangle {
             currentIndex: -1
             boundsBehavior: Flickable.StopAtBounds
             keyNavigationEnabled: true
+            activeFocusOnTab: true
             ScrollBar.vertical: ScrollBar {}
             Accessible.role: Accessible.List
             Accessible.name: "Search results"
@@ -169,6 +170,10 @@ Rectangle {
                 width: hits.width
                 isCurrent: ListView.isCurrentItem
                 onChosen: pane.choose(index)
+            }
+            onActiveFocusChanged: {
+                if (activeFocus && currentIndex < 0 && count > 0)
+                    currentIndex = 0
             }
             Keys.onReturnPressed: pane.choose(currentIndex)
             Keys.onEnterPressed: pane.choose(currentIndex)
