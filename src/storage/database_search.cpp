@@ -106,9 +106,10 @@ QList<SearchHit> Database::searchIndex(const QString &term, const std::optional<
         "FROM messages m JOIN chats c ON c.id=m.chat_id WHERE m.id IN (") + ids.join(QLatin1Char(',')) + QLatin1Char(')'));
     while (rows.next()) {
         const QString shown = rows.text(3);
-        const auto snippet = SearchText::snippet(shown, term);
+        // Marked as the index matched it: a common last word only as it stands.
+        const auto snippet = SearchText::snippet(shown, term, prefix);
         found.insert(rows.integer(0), {rows.integer(0), rows.integer(1), rows.text(2),
-                                       snippet ? *snippet : SearchText::snippet(rows.text(4), term).value_or(SearchText::opening(shown))});
+                                       snippet ? *snippet : SearchText::snippet(rows.text(4), term, prefix).value_or(SearchText::opening(shown))});
     }
     QList<SearchHit> hits;
     for (const auto &[rank, id] : ranked) {

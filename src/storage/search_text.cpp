@@ -78,12 +78,12 @@ QString folded(const QString &text)
     return result.toCaseFolded();
 }
 
-std::optional<QString> snippet(const QString &text, const QString &term)
+std::optional<QString> snippet(const QString &text, const QString &term, std::optional<bool> asPrefix)
 {
     const QList<Word> wanted = words(term);
     if (wanted.isEmpty())
         return std::nullopt;
-    const bool prefix = matchesAsPrefix(term);
+    const bool prefix = asPrefix.value_or(matchesAsPrefix(term));
     const QList<Word> all = words(text);
     const qsizetype count = wanted.size();
     const auto matchesAt = [&](qsizetype at) {

@@ -37,8 +37,9 @@ QString lastWord(const QString &term);
 QString folded(const QString &text);
 
 /// Up to `snippetWords` words of `text` around the first match of `term`, the matched words
-/// between the markers and "…" where text was cut; absent when `term` does not occur.
-std::optional<QString> snippet(const QString &text, const QString &term);
+/// between the markers and "…" where text was cut; absent when `term` does not occur. The last
+/// word matches as a prefix when `prefix` is set (by default, as `matchesAsPrefix` says).
+std::optional<QString> snippet(const QString &text, const QString &term, std::optional<bool> prefix = std::nullopt);
 
 /// The first `snippetWords` words of `text`, with "…" when there are more: what a hit shows
 /// when the index matched words that this matcher reads differently.
