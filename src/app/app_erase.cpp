@@ -34,8 +34,11 @@ QCoro::Task<bool> AppModel::eraseAll()
 
     bool erased = true;
     try {
-        // Files: models, then images. The first failure stops here; what is gone stays gone.
+        // Files: models, scripts (the example comes back), then images. The first failure
+        // stops here; what is gone stays gone.
         AppPaths::removeContents(m_modelsDirectory);
+        AppPaths::removeContents(m_cartridgeLibrary->directory());
+        m_cartridgeLibrary->addExample();
         AppPaths::removeContents(m_imagesDirectory);
 
         // Rows: all of them in one transaction, then the file is compacted so that no freed
@@ -72,6 +75,7 @@ QCoro::Task<bool> AppModel::eraseAll()
     m_models->reloadInstalled();
     m_tree->resetAfterErase();
     m_search->resetAfterErase();
+    m_scripts->reload();
     m_status->show(QStringLiteral("All Corvane data erased"));
     co_return true;
 }

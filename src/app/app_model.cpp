@@ -26,6 +26,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     // 3. The stores and their folders.
     m_modelsDirectory = AppPaths::directory(QStringLiteral("Models"));
     m_modelStore = std::make_unique<ModelStore>(m_modelsDirectory, std::move(catalogue));
+    m_cartridgeLibrary = std::make_unique<CartridgeLibrary>(m_supportDirectory);
     m_imagesDirectory = AppPaths::directory(QStringLiteral("Images"));
 
     // 4. The stored settings, each checked against what it accepts, then the vault record.
@@ -53,6 +54,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status,
                                            [this] { return isStorageBusy(); });
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
+    m_scripts = std::make_unique<ScriptLibrary>(*m_cartridgeLibrary, *m_database, *m_tree, *m_status,
+                                                [this] { return isStorageBusy(); });
 
     // The rules between areas.
     connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {

@@ -6,6 +6,7 @@
 #include "app/folder_locks.h"
 #include "app/models_controller.h"
 #include "app/readiness.h"
+#include "app/script_library.h"
 #include "app/search.h"
 #include "app/status_banner.h"
 #include "models/model_spec.h"
@@ -35,6 +36,7 @@ class AppModel : public QObject
     Q_PROPERTY(ChatSession *chat READ chat CONSTANT)
     Q_PROPERTY(FolderLocks *locks READ locks CONSTANT)
     Q_PROPERTY(Search *search READ search CONSTANT)
+    Q_PROPERTY(ScriptLibrary *scripts READ scripts CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -60,6 +62,7 @@ public:
     ChatSession *chat() const { return m_chat.get(); }
     FolderLocks *locks() const { return m_locks.get(); }
     Search *search() const { return m_search.get(); }
+    ScriptLibrary *scripts() const { return m_scripts.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
 
@@ -93,6 +96,7 @@ private:
     std::unique_ptr<InferenceEngine> m_inference;
     std::unique_ptr<Database> m_database;
     std::unique_ptr<ModelStore> m_modelStore;
+    std::unique_ptr<CartridgeLibrary> m_cartridgeLibrary;
 
     // Built in this order after the services, and so torn down before them, in reverse.
     std::unique_ptr<StatusBanner> m_status;
@@ -102,6 +106,7 @@ private:
     std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatSession> m_chat;
     std::unique_ptr<Search> m_search;
+    std::unique_ptr<ScriptLibrary> m_scripts;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;
 };

@@ -124,10 +124,11 @@ public:
     Q_INVOKABLE void setChatAutoSpeakReplies(qint64 id, bool enabled);
 
     /// A folder's own fields for its settings sheet: name, prompt, agentName,
-    /// inheritedAgentName, isLocked, isSealed, hasContents; empty for an unknown id.
+    /// inheritedAgentName, isLocked, isSealed, hasContents, cartridgeName; empty for an
+    /// unknown id.
     Q_INVOKABLE QVariantMap folderDetails(qint64 id) const;
     /// A chat's fields for its settings sheet: title, prompt, autoSpeakReplies, agentName,
-    /// isSealed; empty for an unknown id.
+    /// cartridgeName, isSealed; empty for an unknown id.
     Q_INVOKABLE QVariantMap chatDetails(qint64 id) const;
 
     // ---- the background removal of deleted rows

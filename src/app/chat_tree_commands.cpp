@@ -136,7 +136,8 @@ QVariantMap ChatTree::folderDetails(qint64 id) const
             {QStringLiteral("inheritedAgentName"), inheritedAgentName(std::optional<Node>(*node))},
             {QStringLiteral("isLocked"), node->isLocked},
             {QStringLiteral("isSealed"), node->isSealed},
-            {QStringLiteral("hasContents"), folderHasContents(id)}};
+            {QStringLiteral("hasContents"), folderHasContents(id)},
+            {QStringLiteral("cartridgeName"), node->cartridgeName}};
 }
 
 QVariantMap ChatTree::chatDetails(qint64 id) const
@@ -148,5 +149,6 @@ QVariantMap ChatTree::chatDetails(qint64 id) const
             {QStringLiteral("prompt"), found->prompt},
             {QStringLiteral("autoSpeakReplies"), found->autoSpeakReplies},
             {QStringLiteral("agentName"), effectiveAgentName(*found)},
+            {QStringLiteral("cartridgeName"), found->cartridgeName},
             {QStringLiteral("isSealed"), found->isSealed}};
 }

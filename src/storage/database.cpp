@@ -237,6 +237,14 @@ void Database::setNodePrompt(qint64 nodeID, const QString &prompt)
             {DBValue::text(seal(prompt, sealed)), DBValue::integer(nodeID)});
 }
 
+void Database::setNodeCartridge(qint64 nodeID, const QString &source, const QString &name, const QString &agentName)
+{
+    const bool sealed = isNodeSealed(nodeID);
+    execute(QStringLiteral("UPDATE nodes SET cartridge_source=?, cartridge_name=?, cartridge_agent_name=? WHERE id=?"),
+            {DBValue::text(seal(source, sealed)), DBValue::text(seal(name, sealed)),
+             DBValue::text(seal(agentName, sealed)), DBValue::integer(nodeID)});
+}
+
 void Database::setNodeAgentName(qint64 nodeID, const QString &agentName)
 {
     const bool sealed = isNodeSealed(nodeID);

@@ -130,6 +130,9 @@ public:
     void renameNode(qint64 nodeID, const QString &name);
     void setNodePrompt(qint64 nodeID, const QString &prompt);
     void setNodeAgentName(qint64 nodeID, const QString &agentName);
+    /// A folder's script: its source, title and the assistant name it asked for, all
+    /// empty to remove it. Sealed with the folder's state.
+    void setNodeCartridge(qint64 nodeID, const QString &source, const QString &name, const QString &agentName);
 
     /// Sets text columns of a chat (sealed with the chat's state) and then `extra` columns
     /// (bound as given) in one UPDATE. Column names must come from fixed lists.

@@ -80,6 +80,14 @@ struct FolderLocksForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct ScriptLibraryForeign
+{
+    Q_GADGET
+    QML_FOREIGN(ScriptLibrary)
+    QML_NAMED_ELEMENT(ScriptLibrary)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 struct SearchForeign
 {
     Q_GADGET

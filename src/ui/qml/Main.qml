@@ -37,27 +37,40 @@ ApplicationWindow {
             objectName: "main"
             spacing: 0
 
-            /// The detail pane shows the search rather than the chat.
-            property bool searching: false
-            /// Where the keyboard was before the search opened, to go back to.
-            property Item focusBeforeSearch: null
-            /// The chat selected when the search opened: choosing another elsewhere shows it.
-            property real chatBeforeSearch: -1
+            /// What the detail pane shows: "chat", "search" or "scripts".
+            property string pane: "chat"
+            /// Where the keyboard was before another pane replaced the chat, to go back to.
+            property Item focusBeforePane: null
+            /// The chat selected when another pane opened: choosing another elsewhere shows it.
+            property real chatBeforePane: -1
+
+            function showPane(name: string) {
+                if (pane === "chat" && name !== "chat") {
+                    focusBeforePane = window.activeFocusItem
+                    chatBeforePane = AppModel.tree.selectedChatID
+                }
+                pane = name
+            }
 
             function openSearch() {
-                if (!searching) {
-                    focusBeforeSearch = window.activeFocusItem
-                    chatBeforeSearch = AppModel.tree.selectedChatID
+                if (pane !== "search") {
                     AppModel.search.begin()
-                    searching = true
+                    showPane("search")
                 }
                 searchPane.focusField()
             }
 
-            function closeSearch() {
-                searching = false
-                if (focusBeforeSearch)
-                    focusBeforeSearch.forceActiveFocus()
+            function openScripts() {
+                AppModel.scripts.reload()
+                showPane("scripts")
+                scriptsPane.focusList()
+            }
+
+            /// Back to the chat, the keyboard where it was.
+            function closePane() {
+                pane = "chat"
+                if (focusBeforePane)
+                    focusBeforePane.forceActiveFocus()
                 else
                     chatPane.focusComposer()
             }
@@ -87,13 +100,23 @@ ApplicationWindow {
             Connections {
                 target: AppModel.tree
                 function onSelectionChanged() {
-                    // A chat chosen in the sidebar (or a new one) replaces the search.
+                    // A chat chosen in the sidebar (or a new one) replaces the search or scripts.
                     const chat = AppModel.tree.selectedChatID
-                    if (main.searching && chat >= 0 && chat !== main.chatBeforeSearch)
-                        main.searching = false
+                    if (main.pane !== "chat" && chat >= 0 && chat !== main.chatBeforePane)
+                        main.pane = "chat"
                 }
             }
+            Connections {
+                target: AppModel.scripts
+                function onShowRequested() { main.openScripts() }
+                function onOpenExternally(url: string) { Qt.openUrlExternally(url) }
+            }
 
+            Shortcut {
+                sequence: "Ctrl+Shift+S"
+                context: Qt.WindowShortcut
+                onActivated: main.openScripts()
+            }
             Shortcut {
                 sequences: ["Ctrl+F", "Ctrl+K"]
                 context: Qt.WindowShortcut
@@ -124,7 +147,7 @@ ApplicationWindow {
                 sequence: "Escape"
                 context: Qt.WindowShortcut
                 // In the search, Escape goes back instead.
-                enabled: AppModel.chat.isGenerating && !main.searching
+                enabled: AppModel.chat.isGenerating && main.pane === "chat"
                 onActivated: AppModel.chat.stopReply()
             }
 
@@ -226,9 +249,10 @@ ApplicationWindow {
                     SplitView.preferredWidth: Theme.sidebarWidth
                     SplitView.minimumWidth: 180
                     onChatOpened: {
-                        main.searching = false
+                        main.pane = "chat"
                         chatPane.focusComposer()
                     }
+                    onScriptsRequested: main.openScripts()
                 }
                 Item {
                     SplitView.fillWidth: true
@@ -238,19 +262,26 @@ ApplicationWindow {
                         id: chatPane
                         objectName: "chatPane"
                         anchors.fill: parent
-                        visible: !main.searching
+                        visible: main.pane === "chat"
                     }
                     SearchPane {
                         id: searchPane
                         objectName: "searchPane"
                         anchors.fill: parent
-                        visible: main.searching
-                        onClosed: main.closeSearch()
+                        visible: main.pane === "search"
+                        onClosed: main.closePane()
                         onHitChosen: (chatID, messageID) => {
-                            main.searching = false
+                            main.pane = "chat"
                             AppModel.tree.selectChat(chatID)
                             chatPane.showMessage(messageID)
                         }
+                    }
+                    ScriptsPane {
+                        id: scriptsPane
+                        objectName: "scriptsPane"
+                        anchors.fill: parent
+                        visible: main.pane === "scripts"
+                        onClosed: main.closePane()
                     }
                 }
             }

@@ -130,6 +130,8 @@ Rectangle {
 
     /// Enter on a chat: the composer takes over.
     signal chatOpened()
+    /// The scripts pane is asked for.
+    signal scriptsRequested()
 
     Connections {
         target: AppModel.tree
@@ -256,6 +258,17 @@ Rectangle {
                         AppModel.tree.moveSelectedChat(row.itemID)
                 }
             }
+        }
+
+        Button {
+            objectName: "scriptsButton"
+            Layout.fillWidth: true
+            Layout.margins: Theme.spacing / 2
+            text: "Scripts"
+            flat: true
+            Accessible.name: "Scripts"
+            Accessible.description: "Ctrl+Shift+S"
+            onClicked: sidebar.scriptsRequested()
         }
     }
 
