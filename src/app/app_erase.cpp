@@ -3,6 +3,7 @@
 
 #include "app/app_paths.h"
 #include "app/compactor.h"
+#include "app/script_timer.h"
 #include "inference/inference_engine.h"
 #include "platform/worker_thread.h"
 #include "storage/database.h"
@@ -29,6 +30,7 @@ QCoro::Task<bool> AppModel::eraseAll()
     // cancelled and the inference server shut down, so that nothing writes while files and
     // rows go.
     m_chat->compactor().cancel();
+    m_scriptTimer->stop();
     m_tree->cancelPurge();
     m_inference->shutdown();
 

@@ -5,6 +5,7 @@
 #include "inference/inference_engine.h"
 #include "models/model_catalogue.h"
 #include "models/model_store.h"
+#include "app/script_timer.h"
 #include "platform/auto_lock.h"
 #include "storage/database.h"
 
@@ -56,6 +57,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
     m_scripts = std::make_unique<ScriptLibrary>(*m_cartridgeLibrary, *m_database, *m_tree, *m_status,
                                                 [this] { return isStorageBusy(); });
+    m_scriptTimer = std::make_unique<ScriptTimer>(*m_database, *m_tree, *m_chat, *m_status);
 
     // The rules between areas.
     connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {
@@ -80,6 +82,9 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         if (sealed(m_chat->compactor().chatID()))
             m_chat->compactor().cancel();
     });
+    // A timer belongs to the chat on screen and to the script it runs.
+    connect(m_tree.get(), &ChatTree::chatOpened, m_scriptTimer.get(), &ScriptTimer::restart);
+    connect(m_scripts.get(), &ScriptLibrary::attachmentsChanged, m_scriptTimer.get(), &ScriptTimer::restart);
     // What search may show changes with the tree and with every lock, opened or closed.
     connect(m_tree.get(), &ChatTree::treeChanged, m_search.get(), &Search::refresh);
     connect(m_locks.get(), &FolderLocks::keyChanged, m_search.get(), &Search::refresh);
@@ -109,6 +114,7 @@ AppModel::~AppModel()
     // Work is stopped while every area is still there, since a cancelled request may end at
     // once and report to the others. Tasks that wake later find their area gone and end; the
     // areas go before the services they use.
+    m_scriptTimer->stop();
     m_chat->stopReply();
     m_chat->compactor().cancel();
     m_tree->cancelPurge();

@@ -19,6 +19,7 @@
 #include <memory>
 
 class AutoLock;
+class ScriptTimer;
 class Database;
 class InferenceEngine;
 class ModelStore;
@@ -65,6 +66,8 @@ public:
     ScriptLibrary *scripts() const { return m_scripts.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
+    /// The selected chat's script timer.
+    ScriptTimer &scriptTimer() { return *m_scriptTimer; }
 
     /// A reply, a model installation or erasing is under way.
     bool isBusy() const;
@@ -107,6 +110,7 @@ private:
     std::unique_ptr<ChatSession> m_chat;
     std::unique_ptr<Search> m_search;
     std::unique_ptr<ScriptLibrary> m_scripts;
+    std::unique_ptr<ScriptTimer> m_scriptTimer;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;
 };

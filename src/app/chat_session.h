@@ -5,6 +5,7 @@
 #include "storage/records.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QHash>
 #include <QObject>
 #include <QVariantMap>
@@ -76,8 +77,16 @@ public:
 
     /// Stores the composer's message in the selected chat and starts the reply to it.
     Q_INVOKABLE void send();
-    /// Starts the one reply task for `chat`; `trigger` is "user" or "reply".
+    /// Starts the one reply task for `chat`; `trigger` is "user", "reply" or "tick".
     void startReply(const Chat &chat, const QString &trigger);
+
+    /// Replies a script may ask for in a row before the user writes again.
+    static constexpr int maxAutomaticReplies = 4;
+    /// Applies a "reply" or "tick" result to `chat`: adds the messages it injects, then starts
+    /// the reply it asks for (`respond`) with `trigger`, unless the script has asked for
+    /// `maxAutomaticReplies` since the user last wrote. Throws CartridgeError for a reply
+    /// asked without a user message to answer, and DatabaseError; what was stored stays.
+    void perform(const CartridgeResult &result, const Chat &chat, const QString &trigger);
     /// The user's Stop: the reply ends at "Stopped" and nothing of it is stored.
     Q_INVOKABLE void stopReply();
 
@@ -110,7 +119,13 @@ private:
     QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
     QCoro::Task<std::optional<CartridgeResult>> generateReply(Chat chat, ModelSpec model, QString trigger,
                                                               CancellationToken cancel);
-    QCoro::Task<> saveAgentMessage(QString reply, Chat chat, QString metadata);
+    /// Stores the reply, rendered by the script when it handles replies; answers that
+    /// render's result.
+    QCoro::Task<std::optional<CartridgeResult>> saveAgentMessage(QString reply, Chat chat, QString metadata);
+    /// `perform` once a reply has ended, its error to the banner.
+    void performAfterReply(std::optional<CartridgeResult> result, qint64 chatID, const QString &trigger);
+    /// Lets a script that handles replies change what the live reply shows while it streams.
+    QCoro::Task<> renderPartial(Chat chat, QString source, QString text);
     /// Whether `source` handles the "reply" hook, asked of its "info" hook once per chat and
     /// script and remembered for this run.
     QCoro::Task<bool> handlesReplies(Chat chat, QString source);
@@ -139,4 +154,8 @@ private:
     std::optional<qint64> m_replyChatID;
     /// Per chat: the script source last asked, and whether it handles replies.
     QHash<qint64, std::pair<QString, bool>> m_handlesReplies;
+    /// Per chat: replies scripts started since the user last wrote.
+    QHash<qint64, int> m_automaticReplies;
+    bool m_partialRendering = false;
+    QElapsedTimer m_lastPartialRender;
 };

@@ -56,6 +56,8 @@ void ChatSession::send()
     if (!m_status.attempt([&] { message.id = m_database.addMessage(message); }))
         return;
     setComposer(QString());
+    // The user wrote: a script may ask for replies again.
+    m_automaticReplies.remove(chat->id);
     m_messages.append(message);
     Q_EMIT messagesChanged();
     startReply(*chat, QStringLiteral("user"));
@@ -88,9 +90,9 @@ void ChatSession::stopReply()
 QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel)
 {
     const QPointer<ChatSession> alive(this);
-    std::optional<CartridgeResult> result;
+    std::optional<CartridgeResult> rendered;
     try {
-        result = co_await generateReply(chat, model, trigger, cancel);
+        rendered = co_await generateReply(chat, model, trigger, cancel);
     } catch (const std::exception &error) {
         if (!alive)
             co_return;
@@ -105,9 +107,9 @@ QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger,
     m_generationCancel.reset();
     m_replyChatID.reset();
     Q_EMIT isGeneratingChanged();
-    // A script's follow-up actions (messages to add, a further reply) run here once scripts
-    // can act; until then a turn result only shapes the reply it belongs to.
-    Q_UNUSED(result);
+    // What the script's reply hook asks for next (messages, a further reply) runs once this
+    // reply has ended, so that a reply it asks for can start.
+    performAfterReply(std::move(rendered), chat.id, QStringLiteral("reply"));
 }
 
 QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat, ModelSpec model, QString trigger,
@@ -128,7 +130,8 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
 
     // 2. Images are described here once the image store keeps them.
 
-    // 3. The chat's script, for this trigger; its state is kept at once.
+    // 3. The chat's script, for this trigger; its state is kept at once. The turn result
+    //    shapes this reply only; the reply hook's result is what the caller acts on.
     const QString source = m_tree.cartridgeSource(chat);
     std::optional<CartridgeResult> result;
     if (!source.isEmpty()) {
@@ -171,11 +174,15 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     cancel.throwIfCancelled();
     m_status.show(s_generating);
     QString reply;
+    const bool renders = !source.isEmpty() && co_await handlesReplies(chat, source);
+    throwIfGone(alive);
     co_await m_inference.stream(
         request, int(maxTokens), temperature,
-        [this, &reply](const QString &token) {
+        [this, &reply, renders, &chat, &source](const QString &token) {
             reply += token;
             setLiveReply(reply);
+            if (renders)
+                renderPartial(chat, source, reply);
         },
         cancel);
     throwIfGone(alive);
@@ -187,18 +194,19 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
         if (m_tree.selectedChatID() == chat.id)
             loadMessages();
         m_status.show(s_ready);
-        co_return result;
+        co_return std::nullopt;
     }
     const QJsonObject metadata{{QStringLiteral("model"), model.id},
                                {QStringLiteral("prompt"), systemPrompt},
                                {QStringLiteral("temperature"), temperature},
                                {QStringLiteral("max_tokens"), maxTokens}};
-    co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
+    std::optional<CartridgeResult> rendered =
+        co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
     throwIfGone(alive);
     m_status.show(s_ready);
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
     m_compactor->start(chat.id, systemPrompt, maxTokens);
-    co_return result;
+    co_return rendered;
 }
 
 QCoro::Task<bool> ChatSession::handlesReplies(Chat chat, QString source)
@@ -215,7 +223,7 @@ QCoro::Task<bool> ChatSession::handlesReplies(Chat chat, QString source)
     co_return handles;
 }
 
-QCoro::Task<> ChatSession::saveAgentMessage(QString reply, Chat chat, QString metadata)
+QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QString reply, Chat chat, QString metadata)
 {
     // A script that handles replies sees the reply once more and may render it.
     Message message;
@@ -224,20 +232,21 @@ QCoro::Task<> ChatSession::saveAgentMessage(QString reply, Chat chat, QString me
     message.body = reply;
     const QString source = m_tree.cartridgeSource(chat);
     const QPointer<ChatSession> alive(this);
+    std::optional<CartridgeResult> rendered;
     if (!source.isEmpty() && co_await handlesReplies(chat, source)) {
         CartridgeContext context = cartridgeContext(chat, m_database.messages(chat.id));
         context.trigger = QStringLiteral("reply");
         const QString state = m_database.cartridgeState(source, chat.id);
-        const CartridgeResult rendered =
-            co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);
+        rendered = co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);
         throwIfGone(alive);
-        message.display = rendered.display.value_or(QString());
-        message.data = rendered.data.value_or(QString());
-        if (rendered.state)
-            m_database.setCartridgeState(*rendered.state, source, chat.id);
+        message.display = rendered->display.value_or(QString());
+        message.data = rendered->data.value_or(QString());
+        if (rendered->state)
+            m_database.setCartridgeState(*rendered->state, source, chat.id);
     }
     m_database.addMessage(message, metadata);
     // Only the chat on screen is re-read; a reply that finishes elsewhere is simply stored.
     if (m_tree.selectedChatID() == chat.id)
         loadMessages();
+    co_return rendered;
 }
