@@ -78,8 +78,13 @@ QCoro::Task<> ScriptTimer::run(qint64 chatID, CancellationToken cancel)
         QCoro::Task<CartridgeResult> asking = CartridgeEngine::evaluate(
             m_tree.cartridgeSource(*chat), m_session.cartridgeContext(*chat, {}), CartridgeHook::Info, QString());
         const CartridgeResult info = co_await std::move(asking);
-        if (over() || !info.tickEvery)
+        if (over())
             co_return;
+        if (!info.tickEvery) {
+            // This script has no timer.
+            m_cancel.reset();
+            co_return;
+        }
         const std::chrono::milliseconds every = fromSeconds(*info.tickEvery);
         std::chrono::milliseconds delay = every;
         for (;;) {

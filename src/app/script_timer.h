@@ -32,6 +32,9 @@ public:
                 QObject *parent = nullptr);
     ~ScriptTimer() override;
 
+    /// Another clock to wait on, from the next timer on: for tests that run on their own.
+    void setSleep(Sleep sleep) { m_sleep = std::move(sleep); }
+
     /// Stops the running timer and starts the selected chat's when its script has one.
     /// Called when a chat is opened and whenever a chat's or folder's script changes.
     void restart();
