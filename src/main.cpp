@@ -34,6 +34,8 @@ int main(int argc, char *argv[])
     const QCommandLineOption reportFirstFrame(QStringLiteral("report-first-frame"),
         QStringLiteral("Print how long after start the first frame was drawn (for measurements)."));
     parser.addOption(reportFirstFrame);
+    parser.addPositionalArgument(QStringLiteral("files"),
+        QStringLiteral("Script files (.corvane, .corvane.js) to add to the script library."), QStringLiteral("[files...]"));
     parser.process(app);
 
     TerminationSignals terminationSignals;
@@ -61,6 +63,9 @@ int main(int argc, char *argv[])
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
+    // Files named on the command line arrive once the window can show them.
+    if (const QStringList files = parser.positionalArguments(); !files.isEmpty())
+        model->scripts()->openFiles(files);
     if (parser.isSet(screenshot))
         captureFirstWindowAndQuit(engine, parser.value(screenshot));
     if (parser.isSet(reportFirstFrame))

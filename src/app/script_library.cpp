@@ -209,6 +209,17 @@ QCoro::Task<bool> ScriptLibrary::import(QString path)
     return install(Target::Library, ChatTree::none, localPath(path));
 }
 
+QStringList ScriptLibrary::scriptFiles(const QList<QUrl> &urls) const
+{
+    QStringList paths;
+    for (const QUrl &url : urls) {
+        const QString path = url.toLocalFile();
+        if (url.isLocalFile() && (path.endsWith(QStringLiteral(".corvane")) || path.endsWith(QStringLiteral(".corvane.js"))))
+            paths.append(path);
+    }
+    return paths;
+}
+
 void ScriptLibrary::openFiles(const QStringList &paths)
 {
     [](QPointer<ScriptLibrary> self, QStringList paths) -> QCoro::Task<> {

@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QUrl>
 #include <QVariantList>
 
 #include <QCoro/QCoroTask>
@@ -84,6 +85,8 @@ public:
     /// The library file that is a newer version of the folder's script (same title, other
     /// text); empty when there is none.
     Q_INVOKABLE QString updateFor(qint64 folderID) const;
+    /// The local script files (".corvane", ".corvane.js") among dropped URLs, as paths.
+    Q_INVOKABLE QStringList scriptFiles(const QList<QUrl> &urls) const;
     /// Files opened from the system (the command line, a drop on the window): each script
     /// goes to the library, the last one is selected, and the window is asked to show it.
     Q_INVOKABLE void openFiles(const QStringList &paths);

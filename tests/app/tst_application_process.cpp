@@ -1,6 +1,7 @@
 // The corvane executable as a user's desktop starts it: it creates its data directory,
 // draws its window without a display, stops cleanly when the session asks it to, and
-// explains a data directory it cannot create instead of starting half-way.
+// explains a data directory it cannot create instead of starting half-way; a script file
+// named on its command line joins the script library.
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
@@ -44,6 +45,24 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(data).isDir());
         const QImage image(picture);
         QCOMPARE(image.size(), QSize(1000, 700));
+    }
+
+    void aScriptFileNamedOnTheCommandLineJoinsTheLibrary()
+    {
+        const QString data = m_dir.filePath(QStringLiteral("data"));
+        const QString script = m_dir.filePath(QStringLiteral("Tidy.corvane"));
+        QFile file(script);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("module.exports = { name: 'Tidy', prompt: 'Be tidy.' };");
+        file.close();
+        QProcess corvane;
+        prepare(corvane, data);
+        corvane.start(s_program, {script});
+        QVERIFY(corvane.waitForStarted());
+        // Checked by running it once, then kept.
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(data + QStringLiteral("/Scripts/Tidy.corvane")), 30000);
+        corvane.terminate();
+        QVERIFY(corvane.waitForFinished(15000));
     }
 
     void terminationSignals_data()

@@ -196,6 +196,35 @@ Rectangle {
         }
     }
 
+    // A script file dropped on the chat becomes the chat's own script, after asking when it
+    // replaces one.
+    DropArea {
+        objectName: "chatDropArea"
+        anchors.fill: parent
+        enabled: pane.hasChat
+        onEntered: (drag) => { drag.accepted = AppModel.scripts.scriptFiles(drag.urls).length > 0 }
+        onDropped: (drop) => {
+            const file = AppModel.scripts.scriptFiles(drop.urls)[0]
+            drop.accept()
+            if ((AppModel.tree.chatDetails(AppModel.tree.selectedChatID).cartridgeName ?? "") !== "") {
+                replaceScript.file = file
+                replaceScript.open()
+            } else {
+                AppModel.scripts.attachToChat(AppModel.tree.selectedChatID, file)
+            }
+        }
+    }
+
+    ConfirmDialog {
+        id: replaceScript
+        objectName: "replaceChatScriptDialog"
+        property string file: ""
+        title: "Replace this chat’s script?"
+        text: "This changes future replies in this chat. Existing messages stay as they are."
+        acceptText: "Replace"
+        onAccepted: AppModel.scripts.attachToChat(AppModel.tree.selectedChatID, file)
+    }
+
     Dialog {
         id: summaryPopup
         objectName: "summaryPopup"

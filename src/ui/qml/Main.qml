@@ -17,6 +17,18 @@ ApplicationWindow {
     title: "Corvane"
     color: Theme.window
 
+    // Script files dropped anywhere that takes nothing else go to the script library. Below
+    // the window's content, so that the chat's own drop area comes first.
+    DropArea {
+        objectName: "windowDropArea"
+        anchors.fill: parent
+        onEntered: (drag) => { drag.accepted = AppModel.scripts.scriptFiles(drag.urls).length > 0 }
+        onDropped: (drop) => {
+            AppModel.scripts.openFiles(AppModel.scripts.scriptFiles(drop.urls))
+            drop.accept()
+        }
+    }
+
     Loader {
         anchors.fill: parent
         sourceComponent: AppModel.models.hasChatModel || window.skippedSetup ? chats : firstRun
