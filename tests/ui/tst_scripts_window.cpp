@@ -97,6 +97,14 @@ private Q_SLOTS:
         const auto chat = m_model->tree()->selectedChat();
         QVERIFY(chat);
         QVERIFY(m_model->tree()->cartridgeSource(*chat).contains("Be tidy."));
+
+        // The folder's sheet names it and offers to remove it.
+        QMetaObject::invokeMethod(object("sidebar"), "openSettings", Q_ARG(QString, "folder"), Q_ARG(double, double(m_work)));
+        QTRY_VERIFY(object("folderSettingsSheet")->property("opened").toBool());
+        QCOMPARE(textOf("folderScriptName"), "Neat");
+        QVERIFY(shown("folderRemoveScript"));
+        savePicture("folder-settings-script.png");
+        closePopup("folderSettingsSheet");
     }
 
     void deletedToTheTrash()

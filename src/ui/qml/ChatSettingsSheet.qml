@@ -18,6 +18,13 @@ Dialog {
     title: "Chat settings"
     standardButtons: Dialog.Save | Dialog.Cancel
 
+    // A script set from here changes the chat at once.
+    Connections {
+        target: AppModel.tree
+        enabled: sheet.visible
+        function onTreeChanged() { sheet.details = AppModel.tree.chatDetails(sheet.chatID) }
+    }
+
     onAboutToShow: {
         details = AppModel.tree.chatDetails(chatID)
         prompt.text = details.prompt ?? ""
@@ -71,6 +78,28 @@ Dialog {
             color: Theme.secondaryText
             Accessible.role: Accessible.StaticText
             Accessible.name: text
+        }
+
+        ScriptSection {
+            id: script
+            Layout.fillWidth: true
+            kind: "chat"
+            targetID: sheet.chatID
+            scriptName: sheet.details.cartridgeName ?? ""
+            explanation: "A JavaScript script can shape this chat's prompt, generation settings, and replies each turn, and act on a timer. Its source is saved with this chat. A chat without its own script uses its folder's. You can also drop a script onto this panel."
+        }
+    }
+
+    DropArea {
+        anchors.fill: parent
+        onEntered: (drag) => { drag.accepted = AppModel.scripts.scriptFiles(drag.urls).length > 0 }
+        onDropped: (drop) => {
+            drop.accept()
+            const file = AppModel.scripts.scriptFiles(drop.urls)[0]
+            if (script.scriptName !== "")
+                script.replaceWith(file)
+            else
+                script.use(file)
         }
     }
 }

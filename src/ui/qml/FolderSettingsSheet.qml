@@ -19,11 +19,20 @@ Dialog {
     title: "Folder settings"
     standardButtons: Dialog.Save | Dialog.Cancel
 
-    onAboutToShow: {
+    onAboutToShow: readDetails()
+
+    function readDetails() {
         details = AppModel.tree.folderDetails(folderID)
         name.text = details.name ?? ""
         prompt.text = details.prompt ?? ""
         agentName.text = details.agentName ?? ""
+    }
+
+    // A script set from here changes the folder at once.
+    Connections {
+        target: AppModel.tree
+        enabled: sheet.visible
+        function onTreeChanged() { sheet.details = AppModel.tree.folderDetails(sheet.folderID) }
     }
     onAccepted: {
         if (name.text.trim() !== "" && name.text !== details.name)
@@ -107,6 +116,15 @@ Dialog {
             color: Theme.secondaryText
             Accessible.role: Accessible.StaticText
             Accessible.name: text
+        }
+
+        ScriptSection {
+            Layout.fillWidth: true
+            kind: "folder"
+            targetID: sheet.folderID
+            scriptName: sheet.details.cartridgeName ?? ""
+            update: sheet.visible && scriptName !== "" ? AppModel.scripts.updateFor(sheet.folderID) : ""
+            explanation: "Chats in this folder and its subfolders run this script, unless a nearer folder or the chat sets its own. Each chat keeps its own script state."
         }
     }
 }
