@@ -172,10 +172,11 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
         systemPrompt, history.entries, history.latestImage, m_settings.contextTokens(), maxTokens);
     throwIfGone(alive);
     cancel.throwIfCancelled();
-    m_status.show(s_generating);
-    QString reply;
+    // Whether the script renders the reply as it streams, asked once per chat and script.
     const bool renders = !source.isEmpty() && co_await handlesReplies(chat, source);
     throwIfGone(alive);
+    m_status.show(s_generating);
+    QString reply;
     co_await m_inference.stream(
         request, int(maxTokens), temperature,
         [this, &reply, renders, &chat, &source](const QString &token) {
