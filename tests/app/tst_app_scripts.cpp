@@ -164,6 +164,37 @@ private Q_SLOTS:
         QCOMPARE(roles.last(), "user");
     }
 
+    void aFailingScriptKeepsTheMessageAndTheState_data()
+    {
+        QTest::addColumn<QString>("turn");
+        QTest::addColumn<QString>("status");
+        QTest::newRow("throws") << "() => { throw new Error('No topic yet'); }" << "Script: No topic yet";
+        QTest::newRow("loops") << "() => { for (;;) {} }" << "The script exceeded its execution time limit.";
+        QTest::newRow("answers megabytes") << "() => 'x'.repeat(1 << 20)" << "The script runner returned an invalid result.";
+        QTest::newRow("a wrong type") << "() => ({ prompt: 'p', max_tokens: 'many' })"
+                                      << "The script's answer could not be read: \"max_tokens\" must be a number.";
+        QTest::newRow("out of bounds") << "() => ({ prompt: 'p', temperature: 1.51, state: 'lost' })"
+                                       << "Script: temperature must be between 0 and 1.5";
+    }
+
+    void aFailingScriptKeepsTheMessageAndTheState()
+    {
+        QFETCH(QString, turn);
+        QFETCH(QString, status);
+        ReplyFixture f;
+        FakeClock clock;
+        const QString source = QStringLiteral("module.exports = { prompt: %1 };").arg(turn);
+        const qint64 chat = chatWithScript(f, clock, source);
+        f.db().setCartridgeState(QStringLiteral("{\"kept\":true}"), source, chat);
+        f.send(QStringLiteral("Hello"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        QCOMPARE(f.status(), status);
+        QVERIFY(f.model->status()->isError());
+        QCOMPARE(bodies(f, chat), QStringList{"user: Hello"});
+        QCOMPARE(f.db().cartridgeState(source, chat), QStringLiteral("{\"kept\":true}"));
+        QVERIFY(f.completions.isEmpty()); // the model was never asked
+    }
+
     void askingForAReplyWithNothingToAnswerIsAnError()
     {
         ReplyFixture f;
