@@ -198,12 +198,6 @@ void ScriptLibrary::createChat(const QString &path, qint64 folderID)
     run(install(Target::NewChat, folderID, localPath(path)));
 }
 
-QCoro::Task<bool> ScriptLibrary::attach(qint64 chatID, qint64 folderID, QString path)
-{
-    return chatID != ChatTree::none ? install(Target::Chat, chatID, localPath(path))
-                                    : install(Target::Folder, folderID, localPath(path));
-}
-
 QCoro::Task<bool> ScriptLibrary::import(QString path)
 {
     return install(Target::Library, ChatTree::none, localPath(path));

@@ -91,9 +91,8 @@ public:
     /// goes to the library, the last one is selected, and the window is asked to show it.
     Q_INVOKABLE void openFiles(const QStringList &paths);
 
-    // ---- awaitable forms, for what must wait for the outcome
-    /// Answers whether the file was attached (false: refused, and the banner says why).
-    QCoro::Task<bool> attach(qint64 chatID, qint64 folderID, QString path);
+    /// `importToLibrary`, awaitable: answers whether the file was kept (false: refused, and
+    /// the banner says why).
     QCoro::Task<bool> import(QString path);
 
 Q_SIGNALS:
