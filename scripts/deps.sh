@@ -25,7 +25,7 @@ as_root() { if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo -n "$@"; fi; }
 # ---------------------------------------------------------------- Debian packages
 packages=(
   build-essential cmake ninja-build git pkg-config ca-certificates clang libclang-rt-14-dev
-  qt6-base-dev qt6-base-dev-tools qt6-declarative-dev qt6-declarative-dev-tools
+  qt6-base-dev qt6-base-dev-tools qt6-declarative-dev qt6-declarative-dev-tools qt6-image-formats-plugins
   qt6-multimedia-dev qt6-speech-dev qcoro-qt6-dev libssl-dev libgl-dev
   qml6-module-qtquick qml6-module-qtqml qml6-module-qtqml-models qml6-module-qtquick-controls
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtquick-dialogs
