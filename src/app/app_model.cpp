@@ -2,6 +2,7 @@
 
 #include "app/app_paths.h"
 #include "app/compactor.h"
+#include "images/image_store.h"
 #include "inference/inference_engine.h"
 #include "models/model_catalogue.h"
 #include "models/model_store.h"
@@ -29,6 +30,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_modelStore = std::make_unique<ModelStore>(m_modelsDirectory, std::move(catalogue));
     m_cartridgeLibrary = std::make_unique<CartridgeLibrary>(m_supportDirectory);
     m_imagesDirectory = AppPaths::directory(QStringLiteral("Images"));
+    m_imageStore = std::make_unique<ImageStore>(m_imagesDirectory);
 
     // 4. The stored settings, each checked against what it accepts, then the vault record.
     //    The server is never restarted under a running reply.
@@ -52,8 +54,9 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         });
     const QString databasePath = m_supportDirectory + QStringLiteral("/chats.sqlite");
     m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status);
-    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_status,
-                                           [this] { return isStorageBusy(); });
+    m_images = std::make_unique<ChatImages>(*m_imageStore, *m_database, *m_tree, *m_models, *m_status);
+    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_images,
+                                           *m_status, [this] { return isStorageBusy(); });
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
     m_scripts = std::make_unique<ScriptLibrary>(*m_cartridgeLibrary, *m_database, *m_tree, *m_status,
                                                 [this] { return isStorageBusy(); });
@@ -82,6 +85,11 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         if (sealed(m_chat->compactor().chatID()))
             m_chat->compactor().cancel();
     });
+    // Images follow the key and their chats' locks; an image waits in the composer of the
+    // chat it was attached to only.
+    connect(m_locks.get(), &FolderLocks::keyChanged, m_images.get(), &ChatImages::keyChanged);
+    connect(m_locks.get(), &FolderLocks::rowsResealed, m_images.get(), &ChatImages::matchImages);
+    connect(m_tree.get(), &ChatTree::chatOpened, m_images.get(), &ChatImages::chatOpened);
     // A timer belongs to the chat on screen and to the script it runs.
     connect(m_tree.get(), &ChatTree::chatOpened, m_scriptTimer.get(), &ScriptTimer::restart);
     connect(m_scripts.get(), &ScriptLibrary::attachmentsChanged, m_scriptTimer.get(), &ScriptTimer::restart);
@@ -99,6 +107,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     // 6. The first chat that is not sealed, the removal of what an earlier run deleted, and the
     //    scrub of a lock change that quitting cut short.
     m_tree->selectFirstOpenChat();
+    m_images->pruneImages();
     m_tree->startPurge();
     m_locks->scrubIfNeeded();
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/app_settings.h"
+#include "app/chat_images.h"
 #include "app/chat_session.h"
 #include "app/chat_tree.h"
 #include "app/folder_locks.h"
@@ -21,6 +22,7 @@
 class AutoLock;
 class ScriptTimer;
 class Database;
+class ImageStore;
 class InferenceEngine;
 class ModelStore;
 
@@ -35,6 +37,7 @@ class AppModel : public QObject
     Q_PROPERTY(ModelsController *models READ models CONSTANT)
     Q_PROPERTY(ChatTree *tree READ tree CONSTANT)
     Q_PROPERTY(ChatSession *chat READ chat CONSTANT)
+    Q_PROPERTY(ChatImages *images READ images CONSTANT)
     Q_PROPERTY(FolderLocks *locks READ locks CONSTANT)
     Q_PROPERTY(Search *search READ search CONSTANT)
     Q_PROPERTY(ScriptLibrary *scripts READ scripts CONSTANT)
@@ -61,6 +64,7 @@ public:
     ModelsController *models() const { return m_models.get(); }
     ChatTree *tree() const { return m_tree.get(); }
     ChatSession *chat() const { return m_chat.get(); }
+    ChatImages *images() const { return m_images.get(); }
     FolderLocks *locks() const { return m_locks.get(); }
     Search *search() const { return m_search.get(); }
     ScriptLibrary *scripts() const { return m_scripts.get(); }
@@ -100,6 +104,7 @@ private:
     std::unique_ptr<Database> m_database;
     std::unique_ptr<ModelStore> m_modelStore;
     std::unique_ptr<CartridgeLibrary> m_cartridgeLibrary;
+    std::unique_ptr<ImageStore> m_imageStore;
 
     // Built in this order after the services, and so torn down before them, in reverse.
     std::unique_ptr<StatusBanner> m_status;
@@ -107,6 +112,7 @@ private:
     std::unique_ptr<ModelsController> m_models;
     std::unique_ptr<ChatTree> m_tree;
     std::unique_ptr<FolderLocks> m_locks;
+    std::unique_ptr<ChatImages> m_images;
     std::unique_ptr<ChatSession> m_chat;
     std::unique_ptr<Search> m_search;
     std::unique_ptr<ScriptLibrary> m_scripts;

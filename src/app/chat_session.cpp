@@ -2,6 +2,7 @@
 #include "app/chat_session.h"
 
 #include "app/app_settings.h"
+#include "app/chat_images.h"
 #include "app/chat_tree.h"
 #include "app/compactor.h"
 #include "app/settings_rules.h"
@@ -13,14 +14,15 @@
 #include <QTimer>
 
 ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
-                         const ModelsController &models, StatusBanner &status, std::function<bool()> storageBusy,
-                         QObject *parent)
+                         const ModelsController &models, ChatImages &images, StatusBanner &status,
+                         std::function<bool()> storageBusy, QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_inference(inference)
     , m_tree(tree)
     , m_settings(settings)
     , m_models(models)
+    , m_images(images)
     , m_status(status)
     , m_storageBusy(std::move(storageBusy))
     , m_compactor(new Compactor(database, inference, settings, this))
@@ -37,6 +39,7 @@ ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTre
     connect(&m_settings, &AppSettings::changed, this, &ChatSession::currentChatChanged);
     for (auto signal : {&ChatSession::composerChanged, &ChatSession::isGeneratingChanged})
         connect(this, signal, this, &ChatSession::canSendChanged);
+    connect(&m_images, &ChatImages::pendingImageChanged, this, &ChatSession::canSendChanged);
     connect(&m_tree, &ChatTree::selectionChanged, this, &ChatSession::canSendChanged);
     // A new summary changes the chat's row.
     connect(m_compactor, &Compactor::summaryChanged, &m_tree, &ChatTree::reload);
@@ -113,7 +116,7 @@ void ChatSession::setComposer(const QString &text)
 bool ChatSession::canSend() const
 {
     return m_tree.selectedChatID() != ChatTree::none && !isGenerating() && !m_storageBusy()
-           && !Settings::trimmed(m_composer).isEmpty();
+           && (!Settings::trimmed(m_composer).isEmpty() || !m_images.pendingImage().isEmpty());
 }
 
 void ChatSession::setLiveReply(const QString &reply)

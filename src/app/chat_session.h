@@ -16,6 +16,7 @@
 #include <optional>
 
 class AppSettings;
+class ChatImages;
 class ChatTree;
 class Compactor;
 class Database;
@@ -45,8 +46,8 @@ class ChatSession : public QObject
 public:
     /// `storageBusy` answers whether another connection is writing, so that nothing is sent.
     ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
-                const ModelsController &models, StatusBanner &status, std::function<bool()> storageBusy,
-                QObject *parent = nullptr);
+                const ModelsController &models, ChatImages &images, StatusBanner &status,
+                std::function<bool()> storageBusy, QObject *parent = nullptr);
     ~ChatSession() override;
 
     /// The selected chat's messages, as last read.
@@ -67,7 +68,7 @@ public:
     const QString &composer() const { return m_composer; }
     void setComposer(const QString &text);
     /// A chat is selected, no reply is being generated, nothing else writes, and there is
-    /// text to send.
+    /// text or an image to send.
     bool canSend() const;
     bool isGenerating() const { return m_generationCancel.has_value(); }
     /// The chat the running reply is for.
@@ -135,6 +136,7 @@ private:
     ChatTree &m_tree;
     const AppSettings &m_settings;
     const ModelsController &m_models;
+    ChatImages &m_images;
     StatusBanner &m_status;
     std::function<bool()> m_storageBusy;
     Compactor *m_compactor;

@@ -4,12 +4,14 @@
 
 #include "app/app_error.h"
 #include "app/app_settings.h"
+#include "app/chat_images.h"
 #include "app/chat_tree.h"
 #include "app/compactor.h"
 #include "app/models_controller.h"
 #include "app/reply_context.h"
 #include "app/settings_rules.h"
 #include "app/status_banner.h"
+#include "images/image_store.h"
 #include "inference/inference_engine.h"
 #include "scripts/cartridge_engine.h"
 #include "storage/database.h"
@@ -22,6 +24,7 @@ namespace {
 
 const QString s_loading = QStringLiteral("Loading local model…");
 const QString s_runningScript = QStringLiteral("Running script…");
+const QString s_lookingAtImage = QStringLiteral("Looking at the image…");
 const QString s_preparing = QStringLiteral("Preparing context…");
 const QString s_generating = QStringLiteral("Generating…");
 const QString s_ready = QStringLiteral("Ready");
@@ -46,16 +49,23 @@ void ChatSession::send()
         return;
     }
     const QString text = Settings::trimmed(m_composer);
-    if (text.isEmpty())
+    const QString image = m_images.pendingImage();
+    if (text.isEmpty() && image.isEmpty())
         return;
+    if (!image.isEmpty() && !m_models.installedProjector(*m_models.languageModel())) {
+        m_status.showError(AppError::visionMissing(m_models.languageModel()->name));
+        return;
+    }
     Message message;
     message.chatID = chat->id;
     message.role = QStringLiteral("user");
     message.body = text;
+    message.image = image;
     message.createdAt = QDateTime::currentDateTimeUtc().toString(Qt::ISODate);
     if (!m_status.attempt([&] { message.id = m_database.addMessage(message); }))
         return;
     setComposer(QString());
+    m_images.takePendingImage();
     // The user wrote: a script may ask for replies again.
     m_automaticReplies.remove(chat->id);
     m_messages.append(message);
@@ -116,7 +126,7 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
                                                                       CancellationToken cancel)
 {
     // 1. The model, with image support when the chat holds images and it is installed.
-    const QList<Message> messages = m_database.messages(chat.id);
+    QList<Message> messages = m_database.messages(chat.id);
     std::optional<QString> projectorPath;
     if (std::ranges::any_of(messages, [](const Message &m) { return !m.image.isEmpty(); })) {
         if (const auto projector = m_models.installedProjector(model))
@@ -128,7 +138,23 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     throwIfGone(alive);
     cancel.throwIfCancelled();
 
-    // 2. Images are described here once the image store keeps them.
+    // 2. Images not yet described are looked at once; the words stay for later turns, the
+    //    search index and summaries.
+    if (projectorPath) {
+        for (const Message &message : messages) {
+            if (message.image.isEmpty() || !message.imageDescription.isEmpty())
+                continue;
+            m_status.show(s_lookingAtImage);
+            QByteArray jpeg;
+            if (!m_status.attempt([&] { jpeg = m_images.store().data(message.image); }))
+                continue;
+            const QString description = co_await m_inference.describeImage(jpeg);
+            throwIfGone(alive);
+            cancel.throwIfCancelled();
+            m_database.setMessageImageDescription(message.id, description);
+        }
+        messages = m_database.messages(chat.id);
+    }
 
     // 3. The chat's script, for this trigger; its state is kept at once. The turn result
     //    shapes this reply only; the reply hook's result is what the caller acts on.
@@ -161,11 +187,22 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     const auto [summary, summaryThroughID] = m_database.chatSummary(chat.id);
     const QString systemPrompt = ReplyContext::systemPrompt(
         m_tree.effectivePrompt(chat), result ? result->prompt.value_or(QString()) : QString(), messages, summary);
-    // No image can be read back until the image store keeps them, so every image is
-    // described in words.
-    const ReplyContext::History history = ReplyContext::history(
-        ReplyContext::unsummarized(messages, summaryThroughID),
-        [](const Message &) { return std::optional<ExchangeFormat::LatestImage>(); });
+    // The newest readable image goes to the model itself when it can see; every other image
+    // is put in words.
+    const auto readImage = [this, sees = projectorPath.has_value()](const Message &message) {
+        std::optional<ExchangeFormat::LatestImage> image;
+        if (sees) {
+            try {
+                image = ExchangeFormat::LatestImage{m_images.store().data(message.image),
+                                                    m_images.store().estimatedTokens(message.image)};
+            } catch (const std::exception &) {
+                // Unreadable (locked, damaged, gone): described in words like the others.
+            }
+        }
+        return image;
+    };
+    const ReplyContext::History history =
+        ReplyContext::history(ReplyContext::unsummarized(messages, summaryThroughID), readImage);
 
     // 7. Fit, then stream.
     const QJsonArray request = co_await m_inference.fittedMessages(

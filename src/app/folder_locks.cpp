@@ -329,6 +329,8 @@ QCoro::Task<> FolderLocks::didUnlock(VaultKey key, UnlockPurpose purpose)
 {
     setKey(std::move(key));
     dismissLockSheet();
+    // An earlier lock change may have left images behind its rows; the key can catch up now.
+    Q_EMIT rowsResealed();
     switch (purpose.kind) {
     case UnlockPurpose::Open:
         if (purpose.folderID >= 0)
@@ -385,6 +387,7 @@ QCoro::Task<bool> FolderLocks::setFolderLocked(qint64 folderID, bool locked)
     m_sealing.reset();
     Q_EMIT workingChanged();
     if (done) {
+        Q_EMIT rowsResealed();
         if (!locked)
             m_unlockedFolderIDs.remove(folderID);
         m_status.show(locked ? QStringLiteral("“%1” locked").arg(name) : QStringLiteral("“%1” is no longer locked").arg(name));

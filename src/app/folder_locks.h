@@ -129,6 +129,9 @@ Q_SIGNALS:
     void recoveryKeyRejected();
     /// The key is about to be forgotten: work on sealed chats must stop.
     void keyForgotten();
+    /// Rows were sealed or revealed, or a folder was opened, and the key is still held: what
+    /// is stored beside the rows (images) is brought in line now.
+    void rowsResealed();
 
 private:
     void showSheet(LockSheet sheet, QString recoveryKey = {});

@@ -106,12 +106,17 @@ QString ImageStore::import(const QString &path, bool sealed)
 
 QByteArray ImageStore::data(const QString &name) const
 {
-    const QByteArray content = readAll(pathOf(name));
+    return read(pathOf(name), m_vaultKey);
+}
+
+QByteArray ImageStore::read(const QString &path, const std::optional<VaultKey> &key)
+{
+    const QByteArray content = readAll(path);
     if (!startsSealed(content))
         return content;
-    if (!m_vaultKey)
+    if (!key)
         throw VaultError::locked();
-    return SealedBox::open(content.sliced(sealedMarker.size()), *m_vaultKey);
+    return SealedBox::open(content.sliced(sealedMarker.size()), *key);
 }
 
 std::optional<QImage> ImageStore::image(const QString &name)
@@ -163,16 +168,26 @@ void ImageStore::prune(const QStringList &keeping)
 
 void ImageStore::match(const QStringList &sealed, const QStringList &open)
 {
+    matchFiles(m_directory, m_vaultKey, sealed, open);
+    m_cache.clear();
+}
+
+void ImageStore::matchFiles(const QString &directory, const std::optional<VaultKey> &key, const QStringList &sealed,
+                            const QStringList &open)
+{
+    const QDir folder(directory);
     for (const QString &name : sealed) {
-        if (!startsSealed(head(pathOf(name)))) {
-            if (!m_vaultKey)
+        const QString path = folder.filePath(name);
+        if (!startsSealed(head(path))) {
+            if (!key)
                 throw VaultError::locked();
-            write(pathOf(name), sealedMarker.toByteArray() + SealedBox::seal(data(name), *m_vaultKey));
+            write(path, sealedMarker.toByteArray() + SealedBox::seal(read(path, key), *key));
         }
     }
     for (const QString &name : open) {
-        if (startsSealed(head(pathOf(name))))
-            write(pathOf(name), data(name));
+        const QString path = folder.filePath(name);
+        if (startsSealed(head(path)))
+            write(path, read(path, key));
     }
 }
 

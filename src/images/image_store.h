@@ -84,9 +84,16 @@ public:
     /// Seals the files named in `sealed` and reveals those named in `open` that are not in that
     /// state yet. The first failure stops and is thrown.
     void match(const QStringList &sealed, const QStringList &open);
+    /// `match` in `directory` with `key`, touching nothing else, so that it can run on any
+    /// thread. The caller empties the decoded images afterwards (`forgetDecoded`).
+    static void matchFiles(const QString &directory, const std::optional<VaultKey> &key, const QStringList &sealed,
+                           const QStringList &open);
+    /// Empties the decoded images.
+    void forgetDecoded() { m_cache.clear(); }
 
 private:
     static void write(const QString &path, const QByteArray &content);
+    static QByteArray read(const QString &path, const std::optional<VaultKey> &key);
     QString pathOf(const QString &name) const;
 
     QString m_directory;

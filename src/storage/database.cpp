@@ -272,6 +272,12 @@ void Database::setChatFields(const QList<std::pair<QString, QString>> &texts,
             args);
 }
 
+void Database::setMessageImageDescription(qint64 messageID, const QString &description)
+{
+    execute(QStringLiteral("UPDATE messages SET image_description=? WHERE id=?"),
+            {DBValue::text(seal(description, isMessageSealed(messageID))), DBValue::integer(messageID)});
+}
+
 void Database::setChatSummary(const QString &text, qint64 throughID, qint64 chatID)
 {
     setChatFields({{QStringLiteral("summary"), text}},

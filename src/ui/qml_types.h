@@ -88,6 +88,14 @@ struct ScriptLibraryForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct ChatImagesForeign
+{
+    Q_GADGET
+    QML_FOREIGN(ChatImages)
+    QML_NAMED_ELEMENT(ChatImages)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 struct SearchForeign
 {
     Q_GADGET

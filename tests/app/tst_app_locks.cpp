@@ -3,12 +3,15 @@
 // locking, locking a further folder, removing a lock. The dialogs' password, recovery-key and
 // change flows are driven through the window in tst_lock_window.
 #include "app/app_model.h"
+#include "images/image_store.h"
 #include "platform/auto_lock.h"
 #include "storage/database.h"
 #include "support/await_task.h"
 #include "support/database_rows.h"
 
+#include <QBuffer>
 #include <QDir>
+#include <QImage>
 #include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -37,6 +40,8 @@ private:
     qint64 m_secretChat = -1;
     qint64 m_plainChat = -1;
     QString m_recoveryKey;
+    QString m_image; ///< a picture in the locked chat
+    QByteArray m_jpeg;
 
     ChatTree &tree() { return *m_model->tree(); }
     FolderLocks &locks() { return *m_model->locks(); }
@@ -54,6 +59,12 @@ private:
                 all += file.readAll();
         }
         return all;
+    }
+
+    QByteArray imageFile() const
+    {
+        QFile file(m_model->images()->store().directory() + QLatin1Char('/') + m_image);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
     }
 
     bool shown(qint64 chatID) { return tree().chat(chatID) && !tree().isLockedAway(*tree().chat(chatID)); }
@@ -86,6 +97,18 @@ private Q_SLOTS:
             addMessage(db(), m_secretChat, QStringLiteral("%1 number %2").arg(QString::fromLatin1(s_secretWord)).arg(i));
         tree().addChat(tree().nodes().first().id);
         m_plainChat = tree().selectedChatID();
+        // A picture in the chat that gets locked.
+        QImage picture(64, 48, QImage::Format_RGB32);
+        picture.fill(Qt::darkCyan);
+        QBuffer buffer(&m_jpeg);
+        QVERIFY(buffer.open(QIODevice::WriteOnly) && picture.save(&buffer, "JPEG"));
+        m_image = ImageStore::store(m_model->images()->store().directory(), m_jpeg, std::nullopt);
+        Message withImage;
+        withImage.chatID = m_secretChat;
+        withImage.role = QStringLiteral("user");
+        withImage.image = m_image;
+        withImage.createdAt = QStringLiteral("2026-11-15T20:20:44Z");
+        db().addMessage(withImage);
         addMessage(db(), m_plainChat, QStringLiteral("nothing to hide"));
         tree().selectChat(m_secretChat);
     }
@@ -129,6 +152,9 @@ private Q_SLOTS:
         QVERIFY(!bytes.contains(s_secretWord));
         // The locked folder's own name stays readable.
         QVERIFY(bytes.contains("Diary"));
+        // Its picture is sealed too, on a thread of its own.
+        QTRY_VERIFY(imageFile().startsWith(ImageStore::sealedMarker));
+        QVERIFY(!imageFile().contains(m_jpeg.mid(m_jpeg.size() / 2, 32)));
     }
 
     void aRestartFindsItLocked()
@@ -161,7 +187,7 @@ private Q_SLOTS:
         QVERIFY(shown(m_secretChat));
         searchSecretWord(51); // its title and its 50 messages, read in memory
         tree().selectChat(m_secretChat);
-        QCOMPARE(m_model->chat()->messages().size(), 50);
+        QCOMPARE(m_model->chat()->messages().size(), 51);
         QCOMPARE(m_model->chat()->title(), QStringLiteral("About the quokkaplasma"));
 
         // The screen locking closes it again and forgets the key.
@@ -200,8 +226,9 @@ private Q_SLOTS:
         QVERIFY(shown(m_secretChat));
         // The other locked folder is still closed, so the key is gone.
         QVERIFY(!locks().isUnlocked());
-        // The 50 messages and the chat's title.
+        // The 50 messages and the chat's title; the picture is plain again.
         QCOMPARE(db().search(QString::fromLatin1(s_secretWord)).size(), 51);
+        QTRY_COMPARE(imageFile(), m_jpeg);
         tree().selectChat(m_secretChat);
         QCOMPARE(m_model->chat()->title(), QStringLiteral("About the quokkaplasma"));
     }

@@ -1,0 +1,144 @@
+#include "app/chat_images.h"
+
+#include "app/chat_tree.h"
+#include "app/models_controller.h"
+#include "app/status_banner.h"
+#include "images/image_store.h"
+#include "platform/worker_thread.h"
+#include "storage/database.h"
+
+#include <QPointer>
+#include <QUrl>
+
+ChatImages::ChatImages(ImageStore &store, Database &database, ChatTree &tree, const ModelsController &models,
+                       StatusBanner &status, QObject *parent)
+    : QObject(parent)
+    , m_store(store)
+    , m_database(database)
+    , m_tree(tree)
+    , m_models(models)
+    , m_status(status)
+{
+}
+
+ChatImages::~ChatImages() = default;
+
+void ChatImages::attachImage(const QString &path)
+{
+    [](QCoro::Task<bool> running) -> QCoro::Task<> { co_await std::move(running); }(attach(path));
+}
+
+QCoro::Task<bool> ChatImages::attach(QString path)
+{
+    if (!m_models.hasImageSupport()) {
+        m_status.showError(CorvaneError(QStringLiteral("Install image support in Settings to attach images")));
+        co_return false;
+    }
+    const std::optional<Chat> chat = m_tree.selectedChat();
+    if (!chat)
+        co_return false;
+    removePendingImage();
+    const QUrl url(path);
+    const QString file = url.isLocalFile() ? url.toLocalFile() : path;
+    std::optional<VaultKey> key;
+    if (chat->isSealed) {
+        key = m_database.vaultKey();
+        if (!key)
+            co_return false;
+    }
+    const QPointer<ChatImages> self(this);
+    ++m_importing;
+    Q_EMIT importingChanged();
+    QString name;
+    try {
+        auto work = [file, directory = m_store.directory(), key = std::move(key)] {
+            return ImageStore::store(directory, ImageStore::normalized(file), key);
+        };
+        QCoro::Task<QString> importing = onWorkerThread<QString>(std::move(work));
+        name = co_await std::move(importing);
+    } catch (const std::exception &error) {
+        if (self)
+            m_status.showError(error);
+    }
+    if (!self)
+        co_return false;
+    --m_importing;
+    Q_EMIT importingChanged();
+    if (name.isEmpty())
+        co_return false;
+    // Another chat may have been opened meanwhile: the image was meant for the one it came to.
+    if (m_tree.selectedChatID() != chat->id) {
+        m_store.remove(name);
+        co_return false;
+    }
+    setPending(name);
+    m_pendingChatID = chat->id;
+    co_return true;
+}
+
+void ChatImages::chatOpened()
+{
+    if (m_tree.selectedChatID() != m_pendingChatID)
+        removePendingImage();
+}
+
+void ChatImages::removePendingImage()
+{
+    if (m_pending.isEmpty())
+        return;
+    m_store.remove(m_pending);
+    setPending(QString());
+}
+
+void ChatImages::takePendingImage()
+{
+    setPending(QString());
+}
+
+void ChatImages::setPending(const QString &name)
+{
+    if (name == m_pending)
+        return;
+    m_pending = name;
+    Q_EMIT pendingImageChanged();
+}
+
+void ChatImages::pruneImages()
+{
+    QStringList named;
+    if (!m_status.attempt([&] { named = m_database.imageNames(); }))
+        return;
+    if (!m_pending.isEmpty())
+        named.append(m_pending);
+    m_store.prune(named);
+}
+
+QCoro::Task<> ChatImages::matchImages()
+{
+    QStringList sealed;
+    QStringList open;
+    if (!m_status.attempt([&] {
+            sealed = m_database.imageNames(true);
+            open = m_database.imageNames(false);
+        }))
+        co_return;
+    const QPointer<ChatImages> self(this);
+    try {
+        auto work = [directory = m_store.directory(), key = m_database.vaultKey(), sealed, open] {
+            ImageStore::matchFiles(directory, key, sealed, open);
+            return true;
+        };
+        QCoro::Task<bool> matching = onWorkerThread<bool>(std::move(work));
+        co_await std::move(matching);
+    } catch (const std::exception &error) {
+        if (self)
+            m_status.showError(error);
+    }
+    if (self)
+        m_store.forgetDecoded();
+}
+
+void ChatImages::keyChanged()
+{
+    m_store.setVaultKey(m_database.vaultKey());
+}
