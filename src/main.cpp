@@ -2,6 +2,7 @@
 #include "qml_types.h"
 #include "platform/error.h"
 #include "platform/termination_signals.h"
+#include "stored_image_provider.h"
 #include "window_capture.h"
 
 #include <QCommandLineParser>
@@ -60,6 +61,7 @@ int main(int argc, char *argv[])
     }
 
     AppModelSingleton::instance = model.get();
+    engine.addImageProvider(QLatin1String(StoredImageProvider::id), new StoredImageProvider(model->images()));
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;

@@ -96,6 +96,10 @@ QVariant MessageListModel::data(const QModelIndex &index, int role) const
         return message.createdAt;
     case HasImageRole:
         return !message.image.isEmpty();
+    case ImageRole:
+        return message.image;
+    case ImageDescriptionRole:
+        return message.imageDescription;
     case ShowsSummaryMarkerRole:
         return index.row() == m_markerRow;
     }
@@ -109,5 +113,7 @@ QHash<int, QByteArray> MessageListModel::roleNames() const
             {TextRole, "text"},
             {CreatedAtRole, "createdAt"},
             {HasImageRole, "hasImage"},
+            {ImageRole, "image"},
+            {ImageDescriptionRole, "imageDescription"},
             {ShowsSummaryMarkerRole, "showsSummaryMarker"}};
 }

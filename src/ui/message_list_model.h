@@ -23,6 +23,8 @@ public:
         TextRole, ///< `display` when not empty, else `body`
         CreatedAtRole, ///< ISO 8601 text, UTC
         HasImageRole,
+        ImageRole, ///< the stored image's file name, empty when none
+        ImageDescriptionRole, ///< what the vision model saw, empty until described
         /// The first message after the part that the chat's summary covers, when the chat
         /// has a summary: the view marks where remembered-by-summary ends.
         ShowsSummaryMarkerRole,

@@ -4,6 +4,7 @@
 
 #include "app/app_model.h"
 #include "qml_types.h"
+#include "stored_image_provider.h"
 
 #include <QDir>
 #include <QImage>
@@ -100,6 +101,7 @@ protected:
     void showWindow()
     {
         AppModelSingleton::instance = m_model.get();
+        m_engine.addImageProvider(QLatin1String(StoredImageProvider::id), new StoredImageProvider(m_model->images()));
         m_engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
         QCOMPARE(m_engine.rootObjects().size(), 1);
         m_window = qobject_cast<QQuickWindow *>(m_engine.rootObjects().first());

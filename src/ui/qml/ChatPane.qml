@@ -110,6 +110,7 @@ Rectangle {
                     isFound: messageID === pane.foundMessageID
                     onSummaryRequested: summaryPopup.open()
                     onMetadataRequested: (id) => metadataPopup.show(id)
+                    onImageRequested: (image) => imagePopup.show(image)
                 }
 
                 // Wrapped: a view's footer component cannot have required properties.
@@ -126,6 +127,8 @@ Rectangle {
                         role: "assistant"
                         text: pane.liveText !== "" ? pane.liveText : "…"
                         hasImage: false
+                        image: ""
+                        imageDescription: ""
                         showsSummaryMarker: false
                         isLive: true
                     }
@@ -197,15 +200,21 @@ Rectangle {
     }
 
     // A script file dropped on the chat becomes the chat's own script, after asking when it
-    // replaces one.
+    // replaces one; any other file is attached as an image.
     DropArea {
         objectName: "chatDropArea"
         anchors.fill: parent
         enabled: pane.hasChat
-        onEntered: (drag) => { drag.accepted = AppModel.scripts.scriptFiles(drag.urls).length > 0 }
+        onEntered: (drag) => { drag.accepted = drag.hasUrls }
         onDropped: (drop) => {
-            const file = AppModel.scripts.scriptFiles(drop.urls)[0]
             drop.accept()
+            const scripts = AppModel.scripts.scriptFiles(drop.urls)
+            if (scripts.length === 0) {
+                // Anything else is taken for an image; what is not one says so.
+                AppModel.images.attachImage(drop.urls[0].toString())
+                return
+            }
+            const file = scripts[0]
             if ((AppModel.tree.chatDetails(AppModel.tree.selectedChatID).cartridgeName ?? "") !== "") {
                 replaceScript.file = file
                 replaceScript.open()
@@ -223,6 +232,30 @@ Rectangle {
         text: "This changes future replies in this chat. Existing messages stay as they are."
         acceptText: "Replace"
         onAccepted: AppModel.scripts.attachToChat(AppModel.tree.selectedChatID, file)
+    }
+
+    Dialog {
+        id: imagePopup
+        objectName: "imagePopup"
+        property string image: ""
+        function show(name: string) {
+            image = name
+            open()
+        }
+        parent: Overlay.overlay
+        anchors.centerIn: parent
+        width: (parent ? parent.width : 800) - 2 * Theme.largeSpacing
+        height: (parent ? parent.height : 600) - 2 * Theme.largeSpacing
+        modal: true
+        standardButtons: Dialog.Close
+        Image {
+            anchors.fill: parent
+            source: imagePopup.image !== "" ? "image://stored/" + imagePopup.image : ""
+            fillMode: Image.PreserveAspectFit
+            cache: false
+            Accessible.role: Accessible.Graphic
+            Accessible.name: "Image"
+        }
     }
 
     Dialog {

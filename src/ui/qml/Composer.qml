@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls
+import QtQuick.Dialogs
 import QtQuick.Layouts
 import Corvane
 
@@ -18,64 +19,120 @@ Rectangle {
     implicitHeight: layout.implicitHeight + Theme.spacing * 2
     color: Theme.window
 
-    RowLayout {
+    ColumnLayout {
         id: layout
         anchors.fill: parent
         anchors.margins: Theme.spacing
         spacing: Theme.spacing / 2
 
-        ScrollView {
+        // The image waiting to go with the next message.
+        RowLayout {
+            visible: AppModel.images.pendingImage !== "" || AppModel.images.isImporting
+            spacing: Theme.spacing / 2
+
+            Image {
+                objectName: "pendingImage"
+                Layout.preferredWidth: 72
+                Layout.preferredHeight: 72
+                sourceSize: Qt.size(144, 144)
+                source: AppModel.images.pendingImage !== "" ? "image://stored/" + AppModel.images.pendingImage : ""
+                fillMode: Image.PreserveAspectFit
+                cache: false
+                Accessible.role: Accessible.Graphic
+                Accessible.name: "Image to send"
+            }
+            BusyIndicator {
+                visible: AppModel.images.isImporting
+                running: visible
+                Accessible.name: "Reading the image"
+            }
+            Button {
+                objectName: "removePendingImage"
+                visible: AppModel.images.pendingImage !== ""
+                text: "Remove"
+                flat: true
+                Accessible.name: "Remove the image"
+                onClicked: AppModel.images.removePendingImage()
+            }
+        }
+
+        RowLayout {
             Layout.fillWidth: true
-            Layout.preferredHeight: Math.min(Math.max(input.implicitHeight, 40), 160)
+            spacing: Theme.spacing / 2
 
-            TextArea {
-                id: input
-                objectName: "composerInput"
-                text: AppModel.chat.composer
-                placeholderText: "Message " + AppModel.chat.agentName
-                wrapMode: TextEdit.Wrap
-                font.pixelSize: Theme.bodySize
-                selectByMouse: true
-                Accessible.role: Accessible.EditableText
-                Accessible.name: "Message"
-                background: Rectangle {
-                    color: Theme.surface
-                    border.color: input.activeFocus ? Theme.accent : Theme.border
-                    radius: 8
-                }
-                onTextChanged: {
-                    if (text !== AppModel.chat.composer)
-                        AppModel.chat.composer = text
-                }
+            Button {
+                objectName: "attachImageButton"
+                Layout.alignment: Qt.AlignBottom
+                text: "Image…"
+                flat: true
+                ToolTip.visible: hovered
+                ToolTip.text: AppModel.models.hasImageSupport ? "Attach an image" : "Install image support in Settings to attach images"
+                Accessible.name: "Attach an image"
+                Accessible.description: AppModel.models.hasImageSupport ? "" : ToolTip.text
+                // Without image support the banner says what to install.
+                onClicked: AppModel.models.hasImageSupport ? imagePicker.open() : AppModel.images.attachImage("")
+            }
 
-                function handleEnter(event: var) {
-                    // Shift+Enter falls through to the text area, which adds a line break.
-                    if (event.modifiers & Qt.ShiftModifier) {
-                        event.accepted = false
-                        return
+            ScrollView {
+                Layout.fillWidth: true
+                Layout.preferredHeight: Math.min(Math.max(input.implicitHeight, 40), 160)
+
+                TextArea {
+                    id: input
+                    objectName: "composerInput"
+                    text: AppModel.chat.composer
+                    placeholderText: "Message " + AppModel.chat.agentName
+                    wrapMode: TextEdit.Wrap
+                    font.pixelSize: Theme.bodySize
+                    selectByMouse: true
+                    Accessible.role: Accessible.EditableText
+                    Accessible.name: "Message"
+                    background: Rectangle {
+                        color: Theme.surface
+                        border.color: input.activeFocus ? Theme.accent : Theme.border
+                        radius: 8
                     }
-                    event.accepted = true
-                    if (composer.canSend)
+                    onTextChanged: {
+                        if (text !== AppModel.chat.composer)
+                            AppModel.chat.composer = text
+                    }
+
+                    function handleEnter(event: var) {
+                        // Shift+Enter falls through to the text area, which adds a line break.
+                        if (event.modifiers & Qt.ShiftModifier) {
+                            event.accepted = false
+                            return
+                        }
+                        event.accepted = true
+                        if (composer.canSend)
+                            AppModel.chat.send()
+                    }
+                    Keys.onReturnPressed: (event) => handleEnter(event)
+                    Keys.onEnterPressed: (event) => handleEnter(event)
+                }
+            }
+
+            Button {
+                objectName: "sendButton"
+                Layout.alignment: Qt.AlignBottom
+                text: AppModel.chat.isGenerating ? "Stop" : "Send"
+                enabled: AppModel.chat.isGenerating || composer.canSend
+                highlighted: !AppModel.chat.isGenerating
+                Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : "Send message"
+                onClicked: {
+                    if (AppModel.chat.isGenerating)
+                        AppModel.chat.stopReply()
+                    else
                         AppModel.chat.send()
                 }
-                Keys.onReturnPressed: (event) => handleEnter(event)
-                Keys.onEnterPressed: (event) => handleEnter(event)
             }
         }
+    }
 
-        Button {
-            objectName: "sendButton"
-            Layout.alignment: Qt.AlignBottom
-            text: AppModel.chat.isGenerating ? "Stop" : "Send"
-            enabled: AppModel.chat.isGenerating || composer.canSend
-            highlighted: !AppModel.chat.isGenerating
-            Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : "Send message"
-            onClicked: {
-                if (AppModel.chat.isGenerating)
-                    AppModel.chat.stopReply()
-                else
-                    AppModel.chat.send()
-            }
-        }
+    FileDialog {
+        id: imagePicker
+        title: "Attach an image"
+        nameFilters: ["Images (*.png *.jpg *.jpeg *.gif *.bmp *.webp *.tif *.tiff *.heic)", "All files (*)"]
+        onAccepted: AppModel.images.attachImage(selectedFile.toString())
     }
 }

@@ -12,6 +12,9 @@ Item {
     required property string role
     required property string text
     required property bool hasImage
+    /// The stored image's file name and what the model saw in it; empty when none.
+    required property string image
+    required property string imageDescription
     required property bool showsSummaryMarker
     /// The reply being written now, not yet stored.
     property bool isLive: false
@@ -22,6 +25,8 @@ Item {
     readonly property real maxBubbleWidth: Math.max(120, width * 0.75)
 
     signal summaryRequested()
+    /// The image is to be shown large.
+    signal imageRequested(string image)
     signal metadataRequested(real messageID)
 
     implicitHeight: column.implicitHeight + Theme.spacing
@@ -80,14 +85,32 @@ Item {
             }
         }
 
-        Label {
-            visible: row.hasImage
+        // The picture, scaled to the column; a click shows it large.
+        Image {
+            id: picture
+            objectName: "messageImage"
+            visible: row.image !== "" && status === Image.Ready
             Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
-            text: "🖼 Image"
+            Layout.preferredWidth: Math.min(sourceSize.width, row.maxBubbleWidth)
+            Layout.preferredHeight: sourceSize.width > 0 ? Layout.preferredWidth * sourceSize.height / sourceSize.width : 0
+            source: row.image !== "" ? "image://stored/" + row.image : ""
+            fillMode: Image.PreserveAspectFit
+            cache: false
+            Accessible.role: Accessible.Graphic
+            Accessible.name: row.imageDescription !== "" ? "Image: " + row.imageDescription : "Image"
+            TapHandler {
+                onTapped: row.imageRequested(row.image)
+            }
+        }
+        Label {
+            objectName: "imageUnavailable"
+            visible: row.image !== "" && picture.status === Image.Error
+            Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
+            text: "Image unavailable"
             font.pixelSize: Theme.smallSize
             color: Theme.secondaryText
             Accessible.role: Accessible.StaticText
-            Accessible.name: "Image attached"
+            Accessible.name: text
         }
 
         Rectangle {
