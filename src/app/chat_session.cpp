@@ -113,10 +113,14 @@ void ChatSession::setComposer(const QString &text)
     Q_EMIT composerChanged();
 }
 
+bool ChatSession::isComposing() const
+{
+    return !Settings::trimmed(m_composer).isEmpty() || !m_images.pendingImage().isEmpty();
+}
+
 bool ChatSession::canSend() const
 {
-    return m_tree.selectedChatID() != ChatTree::none && !isGenerating() && !m_storageBusy()
-           && (!Settings::trimmed(m_composer).isEmpty() || !m_images.pendingImage().isEmpty());
+    return m_tree.selectedChatID() != ChatTree::none && !isGenerating() && !m_storageBusy() && isComposing();
 }
 
 void ChatSession::setLiveReply(const QString &reply)

@@ -71,6 +71,8 @@ public:
     /// text or an image to send.
     bool canSend() const;
     bool isGenerating() const { return m_generationCancel.has_value(); }
+    /// The user is putting a message together: text in the composer or an image waiting.
+    bool isComposing() const;
     /// The chat the running reply is for.
     std::optional<qint64> replyingChatID() const { return m_replyChatID; }
     const QString &liveReply() const { return m_liveReply; }

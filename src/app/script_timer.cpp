@@ -64,7 +64,7 @@ void ScriptTimer::restart()
 
 bool ScriptTimer::canTick() const
 {
-    return !m_session.isGenerating() && m_session.composer().trimmed().isEmpty();
+    return !m_session.isGenerating() && !m_session.isComposing();
 }
 
 QCoro::Task<> ScriptTimer::run(qint64 chatID, CancellationToken cancel)

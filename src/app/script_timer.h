@@ -18,8 +18,9 @@ class StatusBanner;
 /// The selected chat's script timer. A script that answers its "info" hook with `tick_every`
 /// runs its "tick" hook that often while its chat is selected; a tick may ask for a different
 /// next delay once (`next`). A tick never interrupts the user: it is skipped while a reply is
-/// generated or the composer holds text, and its result is dropped when that changed while it
-/// ran or another chat was selected. A script error ends the timer and goes to the banner.
+/// generated or a message is being put together, and its result is dropped when that changed
+/// while it ran or another chat was selected. A script error ends the timer and goes to the
+/// banner.
 class ScriptTimer : public QObject
 {
     Q_OBJECT
@@ -42,7 +43,8 @@ public:
     void stop();
     /// A timer is running (waiting, or asking its script).
     bool isRunning() const { return m_cancel.has_value(); }
-    /// No reply is being generated and the composer holds nothing but whitespace.
+    /// No reply is being generated and the user is not putting a message together (text in
+    /// the composer, an image waiting).
     bool canTick() const;
     /// Runs one tick of the chat's script and applies its result; answers the seconds until
     /// the next tick that the script asked for. Nothing when the tick was skipped or dropped.
