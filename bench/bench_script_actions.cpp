@@ -5,6 +5,7 @@
 // second by the stand-in llama-server (this program sits beside it in build/fake-runtime/), once
 // without a script and once with one whose onReply renders every partial text: how often the
 // live reply reached the window, and how long the stream took.
+#include "bench_support.h"
 #include "app/app_model.h"
 #include "app/script_timer.h"
 #include "inference/inference_engine.h"
@@ -36,19 +37,8 @@ double threadCpuMs()
 /// An application model over a fresh data folder whose chat model the stand-in server plays.
 std::unique_ptr<AppModel> makeModel(const QTemporaryDir &dir)
 {
-    qputenv("CORVANE_DATA_DIR", dir.path().toUtf8());
-    QDir().mkpath(dir.filePath(QStringLiteral("Models")));
-    QFile model(dir.filePath(QStringLiteral("Models/chat.gguf")));
-    if (!model.open(QIODevice::WriteOnly) || model.write("model") != 5)
-        return nullptr;
-    model.close();
-    ModelSpec spec;
-    spec.id = QStringLiteral("chat-test");
-    spec.name = QStringLiteral("Test chat model");
-    spec.fileName = QStringLiteral("chat.gguf");
-    spec.byteCount = 5;
-    spec.role = ModelSpec::Role::Chat;
-    return std::make_unique<AppModel>(QList<ModelSpec>{spec});
+    const QList<ModelSpec> catalogue = standInChatModel(dir.path());
+    return catalogue.isEmpty() ? nullptr : std::make_unique<AppModel>(catalogue);
 }
 
 qint64 chatWithScript(AppModel &app, const QString &source)

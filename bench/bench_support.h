@@ -3,9 +3,12 @@
 // Pieces the benchmarks share: the middle of a set of timings, the model file they run on,
 // and a long chat to work on.
 
+#include "models/model_spec.h"
 #include "storage/database.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QList>
 #include <QString>
@@ -61,4 +64,23 @@ inline void addConversation(Database &db, qint64 chatID, int count, const QStrin
         db.addMessage(message);
     }
     db.execute(QStringLiteral("COMMIT"));
+}
+
+/// Makes `dataDir` the data folder with a chat model that counts as installed, for programs
+/// that sit beside the stand-in llama-server, which ignores the model file. Answers the
+/// catalogue to build the application model with; empty when the file could not be written.
+inline QList<ModelSpec> standInChatModel(const QString &dataDir)
+{
+    qputenv("CORVANE_DATA_DIR", dataDir.toUtf8());
+    QDir().mkpath(dataDir + QStringLiteral("/Models"));
+    QFile model(dataDir + QStringLiteral("/Models/chat.gguf"));
+    if (!model.open(QIODevice::WriteOnly) || model.write("model") != 5)
+        return {};
+    ModelSpec spec;
+    spec.id = QStringLiteral("chat-test");
+    spec.name = QStringLiteral("Test chat model");
+    spec.fileName = QStringLiteral("chat.gguf");
+    spec.byteCount = 5;
+    spec.role = ModelSpec::Role::Chat;
+    return {spec};
 }

@@ -52,20 +52,10 @@ int main(int argc, char *argv[])
     QGuiApplication app(argc, argv);
 
     QTemporaryDir dir;
-    qputenv("CORVANE_DATA_DIR", dir.path().toUtf8());
-    // The stand-in server ignores the model file; it only has to count as installed.
-    QDir().mkpath(dir.filePath(QStringLiteral("Models")));
-    QFile model(dir.filePath(QStringLiteral("Models/chat.gguf")));
-    if (!model.open(QIODevice::WriteOnly) || model.write("model") != 5)
+    const QList<ModelSpec> catalogue = standInChatModel(dir.path());
+    if (catalogue.isEmpty())
         return 1;
-    model.close();
-    ModelSpec spec;
-    spec.id = QStringLiteral("chat-test");
-    spec.name = QStringLiteral("Test chat model");
-    spec.fileName = QStringLiteral("chat.gguf");
-    spec.byteCount = 5;
-    spec.role = ModelSpec::Role::Chat;
-    AppModel appModel(QList<ModelSpec>{spec});
+    AppModel appModel(catalogue);
     appModel.tree()->addChat(ChatTree::none);
     const qint64 chat = appModel.tree()->selectedChatID();
     Database &db = appModel.database();

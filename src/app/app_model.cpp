@@ -54,7 +54,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
         });
     const QString databasePath = m_supportDirectory + QStringLiteral("/chats.sqlite");
     m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status);
-    m_images = std::make_unique<ChatImages>(*m_imageStore, *m_database, *m_tree, *m_models, *m_status);
+    m_images = std::make_unique<ChatImages>(*m_imageStore, *m_database, databasePath, *m_tree, *m_models, *m_status);
     m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_images,
                                            *m_status, [this] { return isStorageBusy(); });
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
@@ -90,6 +90,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     connect(m_locks.get(), &FolderLocks::keyChanged, m_images.get(), &ChatImages::keyChanged);
     connect(m_locks.get(), &FolderLocks::rowsResealed, m_images.get(), &ChatImages::matchImages);
     connect(m_tree.get(), &ChatTree::chatOpened, m_images.get(), &ChatImages::chatOpened);
+    // Deleted messages leave their pictures behind until their rows are gone.
+    connect(m_tree.get(), &ChatTree::purgeFinished, m_images.get(), &ChatImages::pruneImages);
     // A timer belongs to the chat on screen and to the script it runs.
     connect(m_tree.get(), &ChatTree::chatOpened, m_scriptTimer.get(), &ScriptTimer::restart);
     connect(m_scripts.get(), &ScriptLibrary::attachmentsChanged, m_scriptTimer.get(), &ScriptTimer::restart);
@@ -104,11 +106,11 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     connect(m_models.get(), &ModelsController::installedChanged, this, &AppModel::readinessChanged);
     connect(m_settings.get(), &AppSettings::changed, this, &AppModel::readinessChanged);
 
-    // 6. The first chat that is not sealed, the removal of what an earlier run deleted, and the
-    //    scrub of a lock change that quitting cut short.
+    // 6. The first chat that is not sealed, the removal of what an earlier run deleted, the
+    //    pictures no message names, and the scrub of a lock change that quitting cut short.
     m_tree->selectFirstOpenChat();
-    m_images->pruneImages();
     m_tree->startPurge();
+    m_images->pruneImages();
     m_locks->scrubIfNeeded();
 
     // 7. Open locked folders close again on sleep, screen lock, a session switch and idle

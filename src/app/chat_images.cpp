@@ -10,11 +10,12 @@
 #include <QPointer>
 #include <QUrl>
 
-ChatImages::ChatImages(ImageStore &store, Database &database, ChatTree &tree, const ModelsController &models,
-                       StatusBanner &status, QObject *parent)
+ChatImages::ChatImages(ImageStore &store, Database &database, QString databasePath, ChatTree &tree,
+                       const ModelsController &models, StatusBanner &status, QObject *parent)
     : QObject(parent)
     , m_store(store)
     , m_database(database)
+    , m_databasePath(std::move(databasePath))
     , m_tree(tree)
     , m_models(models)
     , m_status(status)
@@ -103,14 +104,26 @@ void ChatImages::setPending(const QString &name)
     Q_EMIT pendingImageChanged();
 }
 
-void ChatImages::pruneImages()
+QCoro::Task<> ChatImages::pruneImages()
 {
-    QStringList named;
-    if (!m_status.attempt([&] { named = m_database.imageNames(); }))
-        return;
-    if (!m_pending.isEmpty())
-        named.append(m_pending);
-    m_store.prune(named);
+    const QPointer<ChatImages> self(this);
+    try {
+        auto work = [directory = m_store.directory(), path = m_databasePath, pending = m_pending] {
+            const QStringList files = ImageStore::fileNames(directory);
+            Database reader(path, Database::Options{.foreignKeyIndexes = true, .readOnly = true});
+            QStringList keeping = reader.imageNames();
+            // An image attached after `files` was listed is not among them; one attached before
+            // and not yet sent is the pending one.
+            keeping.append(pending);
+            ImageStore::pruneFiles(directory, files, keeping);
+            return true;
+        };
+        QCoro::Task<bool> pruning = onWorkerThread<bool>(std::move(work));
+        co_await std::move(pruning);
+    } catch (const std::exception &error) {
+        if (self)
+            m_status.showError(error);
+    }
 }
 
 QCoro::Task<> ChatImages::matchImages()

@@ -24,8 +24,9 @@ class ChatImages : public QObject
     Q_PROPERTY(bool isImporting READ isImporting NOTIFY importingChanged)
 
 public:
-    ChatImages(ImageStore &store, Database &database, ChatTree &tree, const ModelsController &models,
-               StatusBanner &status, QObject *parent = nullptr);
+    /// `databasePath` is read by a connection of its own when unused files are pruned.
+    ChatImages(ImageStore &store, Database &database, QString databasePath, ChatTree &tree,
+               const ModelsController &models, StatusBanner &status, QObject *parent = nullptr);
     ~ChatImages() override;
 
     ImageStore &store() { return m_store; }
@@ -44,8 +45,10 @@ public:
     /// Another chat was opened: an image waiting for the one before is dropped.
     void chatOpened();
 
-    /// Deletes the files no message names (a pending image that was never sent, say).
-    void pruneImages();
+    /// Deletes the files no message names (a pending image never sent, a deleted chat's
+    /// pictures). Reading every message's image name takes a while in a large file, so it
+    /// runs on a thread of its own with a connection of its own.
+    QCoro::Task<> pruneImages();
     /// Seals the images of sealed chats and reveals those of plain ones, with the vault key
     /// the database holds now; on a thread of its own. Errors go to the banner.
     QCoro::Task<> matchImages();
@@ -61,6 +64,7 @@ private:
 
     ImageStore &m_store;
     Database &m_database;
+    QString m_databasePath;
     ChatTree &m_tree;
     const ModelsController &m_models;
     StatusBanner &m_status;

@@ -29,7 +29,6 @@ class Search : public QObject
     Q_PROPERTY(bool searchAll READ searchAll WRITE setSearchAll NOTIFY scopeChanged)
     Q_PROPERTY(QString scopeName READ scopeName NOTIFY scopeChanged)
     Q_PROPERTY(bool isSearching READ isSearching NOTIFY searchingChanged)
-    Q_PROPERTY(int hitCount READ hitCount NOTIFY hitsChanged)
 
 public:
     Search(const QString &databasePath, Database &database, ChatTree &tree, StatusBanner &status,
@@ -46,7 +45,6 @@ public:
     QString scopeName() const;
     bool isSearching() const { return m_running; }
     const QList<SearchHit> &hits() const { return m_hits; }
-    int hitCount() const { return int(m_hits.size()); }
 
     /// The pane opens: "this folder" becomes the selected folder, and the hits are brought up
     /// to date.

@@ -159,10 +159,22 @@ void ImageStore::remove(const QString &name)
 
 void ImageStore::prune(const QStringList &keeping)
 {
+    pruneFiles(m_directory, fileNames(m_directory), keeping);
+    m_cache.clear();
+}
+
+QStringList ImageStore::fileNames(const QString &directory)
+{
+    return QDir(directory).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
+}
+
+void ImageStore::pruneFiles(const QString &directory, const QStringList &files, const QStringList &keeping)
+{
     const QSet<QString> kept(keeping.cbegin(), keeping.cend());
-    for (const QString &name : QDir(m_directory).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot)) {
+    const QDir folder(directory);
+    for (const QString &name : files) {
         if (!kept.contains(name))
-            remove(name);
+            QFile::remove(folder.filePath(name));
     }
 }
 

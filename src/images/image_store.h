@@ -81,6 +81,12 @@ public:
     void remove(const QString &name);
     /// Deletes every file whose name is not in `keeping`; errors are ignored.
     void prune(const QStringList &keeping);
+    /// The files in `directory` now. Listed before the names to keep are read, so that a file
+    /// made meanwhile is never among those `pruneFiles` deletes.
+    static QStringList fileNames(const QString &directory);
+    /// Deletes those of `files` in `directory` whose name is not in `keeping`; errors are
+    /// ignored. Touches nothing else, so it can run on any thread.
+    static void pruneFiles(const QString &directory, const QStringList &files, const QStringList &keeping);
     /// Seals the files named in `sealed` and reveals those named in `open` that are not in that
     /// state yet. The first failure stops and is thrown.
     void match(const QStringList &sealed, const QStringList &open);

@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTimer>
+#include <QTcpServer>
 #include <QUuid>
 
 #include <QCoro/QCoroNetworkReply>
@@ -26,11 +27,22 @@ constexpr auto s_probeInterval = std::chrono::milliseconds(250);
 // A server asked to stop gets this long to exit before it is killed.
 constexpr int s_exitGraceMs = 5000;
 
+/// A port on 127.0.0.1 that nothing uses now, as the system hands them out. A random pick
+/// could fall on a port that an outgoing connection holds (the system's range for those
+/// covers most of the high ports), and the server would then fail to start.
+int freeLocalPort()
+{
+    QTcpServer probe;
+    if (probe.listen(QHostAddress::LocalHost, 0))
+        return probe.serverPort();
+    return 40000 + static_cast<int>(QRandomGenerator::system()->bounded(20001));
+}
+
 } // namespace
 
 InferenceEngine::InferenceEngine(QObject *parent)
     : QObject(parent)
-    , m_port(40000 + static_cast<int>(QRandomGenerator::system()->bounded(20001)))
+    , m_port(freeLocalPort())
     , m_key(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper())
 {
     m_network.setAutoDeleteReplies(false);

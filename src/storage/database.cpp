@@ -206,9 +206,11 @@ qint64 Database::addMessage(const Message &message, const QString &metadata)
     const QString createdAt = message.createdAt.isEmpty()
                                   ? QDateTime::currentDateTimeUtc().toString(Qt::ISODate)
                                   : message.createdAt;
+    // The image's file name stays plain: a random UUID says nothing, and the image store
+    // must find a locked chat's files by name without the key. The file itself is sealed.
     execute(QStringLiteral("INSERT INTO messages(chat_id, role, body, created_at, metadata, image, display, hidden, data) VALUES(?,?,?,?,?,?,?,?,?)"),
             {DBValue::integer(message.chatID), DBValue::text(message.role), DBValue::text(seal(message.body, sealed)),
-             DBValue::text(createdAt), DBValue::text(seal(metadata, sealed)), DBValue::text(seal(message.image, sealed)),
+             DBValue::text(createdAt), DBValue::text(seal(metadata, sealed)), DBValue::text(message.image),
              DBValue::text(seal(message.display, sealed)), DBValue::flag(message.hidden),
              DBValue::text(seal(message.data, sealed))});
     return lastInsertedID();

@@ -69,10 +69,6 @@ QVariant SearchHitListModel::data(const QModelIndex &index, int role) const
         return {};
     const SearchHit &hit = m_hits[index.row()];
     switch (role) {
-    case MessageIDRole:
-        return hit.id > 0 ? hit.id : qint64(-1);
-    case ChatIDRole:
-        return hit.chatID;
     case ChatTitleRole:
         return titleOf(hit);
     case HighlightedSnippetRole:
@@ -90,8 +86,6 @@ QVariant SearchHitListModel::data(const QModelIndex &index, int role) const
 QHash<int, QByteArray> SearchHitListModel::roleNames() const
 {
     return {
-        {MessageIDRole, "messageID"},
-        {ChatIDRole, "chatID"},
         {ChatTitleRole, "chatTitle"},
         {HighlightedSnippetRole, "highlightedSnippet"},
         {AccessibleTextRole, "accessibleText"},

@@ -20,9 +20,7 @@ class SearchHitListModel : public QAbstractListModel
 
 public:
     enum Role {
-        MessageIDRole = Qt::UserRole + 1, ///< the message to show; -1 for a title hit
-        ChatIDRole,
-        ChatTitleRole, ///< "Untitled chat" for an empty title
+        ChatTitleRole = Qt::UserRole + 1, ///< "Untitled chat" for an empty title
         /// The snippet as styled text, matched words in bold and `matchColor`.
         HighlightedSnippetRole,
         /// "title: snippet" in plain words, for screen readers.

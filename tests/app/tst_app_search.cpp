@@ -92,13 +92,6 @@ private Q_SLOTS:
         QVERIFY2(stale.isEmpty(), qPrintable(stale.join(QLatin1Char('|'))));
         QVERIFY(search().hits().first().snippet.contains(QStringLiteral("\x02the heron\x03")));
     }
-
-    void onlyWhitespaceClearsTheHits()
-    {
-        search().setTerm(QStringLiteral(" \n "));
-        QVERIFY(search().hits().isEmpty());
-        QVERIFY(!search().isSearching() || foldersFound().isEmpty());
-    }
 };
 
 QTEST_GUILESS_MAIN(TestAppSearch)

@@ -8,8 +8,6 @@ ItemDelegate {
     id: row
 
     required property int index
-    required property real messageID
-    required property real chatID
     required property string chatTitle
     required property string highlightedSnippet
     required property string accessibleText
