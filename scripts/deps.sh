@@ -32,7 +32,7 @@ packages=(
   qml6-module-qtquick-templates qml6-module-qtquick-shapes qml6-module-qtqml-workerscript
   qml6-module-qt-labs-qmlmodels qml6-module-qt-labs-folderlistmodel qml6-module-qttest
   qt6-qpa-plugins libmozjs-102-dev
-  qt6-speech-flite-plugin pulseaudio pulseaudio-utils
+  flite1-dev pulseaudio pulseaudio-utils
   xvfb xauth x11-apps x11-utils imagemagick fonts-dejavu-core dbus-daemon
 )
 missing=()
@@ -150,6 +150,9 @@ mkdir -p "$libexec" "$build/test-tools"
 install -C -m 755 "$llama_dir/bin/llama-server" "$libexec/llama-server"
 install -C -m 755 "$whisper_dir/bin/whisper-cli" "$libexec/whisper-cli"
 install -C -m 755 "$llama_dir/bin/test-llama-archs" "$build/test-tools/test-llama-archs"
+# The runtime folder whose llama-server is the stand-in transcribes with the real whisper-cli.
+mkdir -p "$build/fake-runtime/libexec/corvane"
+ln -sfn ../../../libexec/corvane/whisper-cli "$build/fake-runtime/libexec/corvane/whisper-cli"
 
 deps_cmake="$build/deps.cmake"
 new=$(cat <<EOF

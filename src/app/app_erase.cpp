@@ -33,6 +33,7 @@ QCoro::Task<bool> AppModel::eraseAll()
     m_scriptTimer->stop();
     m_tree->cancelPurge();
     m_inference->shutdown();
+    m_speech->stopSpeaking();
 
     bool erased = true;
     try {

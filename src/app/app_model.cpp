@@ -8,6 +8,7 @@
 #include "models/model_store.h"
 #include "app/script_timer.h"
 #include "platform/auto_lock.h"
+#include "speech/speech_engine.h"
 #include "storage/database.h"
 
 AppModel::AppModel(QObject *parent)
@@ -20,6 +21,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
 {
     // 1. The engines, before anything can fail.
     m_inference = std::make_unique<InferenceEngine>();
+    m_speechEngine = std::make_unique<SpeechEngine>(qEnvironmentVariable("CORVANE_SPEECH_ENGINE"));
 
     // 2. The database; a failure ends start-up.
     m_supportDirectory = AppPaths::supportDirectory();
@@ -60,7 +62,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
     m_scripts = std::make_unique<ScriptLibrary>(*m_cartridgeLibrary, *m_database, *m_tree, *m_status,
                                                 [this] { return isStorageBusy(); });
-    m_scriptTimer = std::make_unique<ScriptTimer>(*m_database, *m_tree, *m_chat, *m_status);
+    m_speech = std::make_unique<Speech>(*m_speechEngine, *m_chat, *m_models, *m_settings, *m_status);
+    m_scriptTimer = std::make_unique<ScriptTimer>(*m_database, *m_tree, *m_chat, *m_speech, *m_status);
 
     // The rules between areas.
     connect(m_settings.get(), &AppSettings::contextTokensChanged, this, [this] {
@@ -73,6 +76,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     });
     connect(m_chat.get(), &ChatSession::isGeneratingChanged, this, &AppModel::activityChanged);
     connect(m_locks.get(), &FolderLocks::workingChanged, this, &AppModel::activityChanged);
+    connect(m_speech.get(), &Speech::recordingChanged, this, &AppModel::activityChanged);
+    connect(m_chat.get(), &ChatSession::replyToSpeak, m_speech.get(), &Speech::speak);
     connect(m_locks.get(), &FolderLocks::keyForgotten, this, [this] {
         // Nothing may go on writing to a sealed chat without the key; work on plain chats
         // goes on.
@@ -126,6 +131,7 @@ AppModel::~AppModel()
     // once and report to the others. Tasks that wake later find their area gone and end; the
     // areas go before the services they use.
     m_scriptTimer->stop();
+    m_speech->stopSpeaking();
     m_chat->stopReply();
     m_chat->compactor().cancel();
     m_tree->cancelPurge();
@@ -134,7 +140,8 @@ AppModel::~AppModel()
 
 bool AppModel::isBusy() const
 {
-    return m_chat->isGenerating() || m_models->isBusy() || m_isErasing || m_locks->isSealing();
+    return m_chat->isGenerating() || m_speech->isRecording() || m_speech->isTranscribing() || m_models->isBusy()
+           || m_isErasing || m_locks->isSealing();
 }
 
 Readiness::Value AppModel::readiness() const

@@ -9,6 +9,7 @@
 #include "app/readiness.h"
 #include "app/script_library.h"
 #include "app/search.h"
+#include "app/speech.h"
 #include "app/status_banner.h"
 #include "models/model_spec.h"
 
@@ -25,6 +26,7 @@ class Database;
 class ImageStore;
 class InferenceEngine;
 class ModelStore;
+class SpeechEngine;
 
 /// The application's root: builds the services and one object per area in the start-up
 /// order, wires the rules that cross areas, and answers what concerns them all (busy,
@@ -41,6 +43,7 @@ class AppModel : public QObject
     Q_PROPERTY(FolderLocks *locks READ locks CONSTANT)
     Q_PROPERTY(Search *search READ search CONSTANT)
     Q_PROPERTY(ScriptLibrary *scripts READ scripts CONSTANT)
+    Q_PROPERTY(Speech *speech READ speech CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -68,12 +71,13 @@ public:
     FolderLocks *locks() const { return m_locks.get(); }
     Search *search() const { return m_search.get(); }
     ScriptLibrary *scripts() const { return m_scripts.get(); }
+    Speech *speech() const { return m_speech.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
     /// The selected chat's script timer.
     ScriptTimer &scriptTimer() { return *m_scriptTimer; }
 
-    /// A reply, a model installation or erasing is under way.
+    /// A reply, dictation, a model installation or erasing is under way.
     bool isBusy() const;
     Readiness::Value readiness() const;
 
@@ -101,6 +105,7 @@ private:
     QString m_modelsDirectory;
     QString m_imagesDirectory;
     std::unique_ptr<InferenceEngine> m_inference;
+    std::unique_ptr<SpeechEngine> m_speechEngine;
     std::unique_ptr<Database> m_database;
     std::unique_ptr<ModelStore> m_modelStore;
     std::unique_ptr<CartridgeLibrary> m_cartridgeLibrary;
@@ -116,6 +121,7 @@ private:
     std::unique_ptr<ChatSession> m_chat;
     std::unique_ptr<Search> m_search;
     std::unique_ptr<ScriptLibrary> m_scripts;
+    std::unique_ptr<Speech> m_speech;
     std::unique_ptr<ScriptTimer> m_scriptTimer;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;

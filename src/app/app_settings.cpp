@@ -50,6 +50,8 @@ void AppSettings::readStored()
         m_selectedModelID = *text;
     if (const auto text = stored(Settings::whisperModelIDKey))
         m_selectedWhisperModelID = *text;
+    if (const auto text = stored(Settings::voiceIDKey))
+        m_selectedVoiceID = *text;
 }
 
 void AppSettings::store(const QString &key, const QString &value)
@@ -117,6 +119,15 @@ void AppSettings::selectWhisperModel(const QString &id)
     store(Settings::whisperModelIDKey, id);
 }
 
+void AppSettings::setSelectedVoiceID(const QString &id)
+{
+    if (id == m_selectedVoiceID)
+        return;
+    m_selectedVoiceID = id;
+    Q_EMIT changed();
+    store(Settings::voiceIDKey, id);
+}
+
 void AppSettings::resetAfterErase()
 {
     m_globalPrompt = Settings::defaultGlobalPrompt;
@@ -126,5 +137,6 @@ void AppSettings::resetAfterErase()
     m_contextTokens = Settings::defaultContextTokens;
     m_selectedModelID.clear();
     m_selectedWhisperModelID.clear();
+    m_selectedVoiceID.clear();
     Q_EMIT changed();
 }

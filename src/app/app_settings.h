@@ -23,6 +23,8 @@ class AppSettings : public QObject
     Q_PROPERTY(int contextTokens READ contextTokens WRITE setContextTokens NOTIFY changed)
     Q_PROPERTY(QString selectedModelID READ selectedModelID NOTIFY changed)
     Q_PROPERTY(QString selectedWhisperModelID READ selectedWhisperModelID NOTIFY changed)
+    /// The voice replies are spoken with; empty for the system's default.
+    Q_PROPERTY(QString selectedVoiceID READ selectedVoiceID NOTIFY changed)
 
 public:
     /// Reads the stored settings. `contextLocked` answers whether the context size may not
@@ -37,6 +39,7 @@ public:
     int contextTokens() const { return m_contextTokens; }
     const QString &selectedModelID() const { return m_selectedModelID; }
     const QString &selectedWhisperModelID() const { return m_selectedWhisperModelID; }
+    const QString &selectedVoiceID() const { return m_selectedVoiceID; }
 
     Q_INVOKABLE void setGlobalPrompt(const QString &text);
     Q_INVOKABLE void setGlobalAgentName(const QString &text);
@@ -51,6 +54,8 @@ public:
     Q_INVOKABLE void selectModel(const QString &id);
     /// Ignored unless `id` is an installed dictation model.
     Q_INVOKABLE void selectWhisperModel(const QString &id);
+    /// Keeps `id` as the voice; whether it is installed is for the caller to know.
+    void setSelectedVoiceID(const QString &id);
 
     /// Back to the defaults after erasing all data, with no model chosen: none is installed.
     void resetAfterErase();
@@ -76,4 +81,5 @@ private:
     int m_contextTokens;
     QString m_selectedModelID;
     QString m_selectedWhisperModelID;
+    QString m_selectedVoiceID;
 };

@@ -7,6 +7,10 @@
 #include "platform/worker_thread.h"
 #include "storage/database.h"
 
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QMimeData>
+#include <QMimeDatabase>
 #include <QPointer>
 #include <QUrl>
 
@@ -24,12 +28,52 @@ ChatImages::ChatImages(ImageStore &store, Database &database, QString databasePa
 
 ChatImages::~ChatImages() = default;
 
+namespace {
+
+/// Runs an attachment to its end with no one waiting for its answer; errors reach the banner.
+void detach(QCoro::Task<bool> task)
+{
+    [](QCoro::Task<bool> running) -> QCoro::Task<> { co_await std::move(running); }(std::move(task));
+}
+
+} // namespace
+
 void ChatImages::attachImage(const QString &path)
 {
-    [](QCoro::Task<bool> running) -> QCoro::Task<> { co_await std::move(running); }(attach(path));
+    detach(attach(path));
 }
 
 QCoro::Task<bool> ChatImages::attach(QString path)
+{
+    const QUrl url(path);
+    const QString file = url.isLocalFile() ? url.toLocalFile() : path;
+    return take([file] { return ImageStore::normalized(file); });
+}
+
+bool ChatImages::pasteImage()
+{
+    const QMimeData *mime = QGuiApplication::clipboard()->mimeData();
+    if (!mime)
+        return false;
+    // Files copied in a file manager: the first picture among them, judged by its name so that
+    // nothing is read on this thread.
+    const QMimeDatabase types;
+    for (const QUrl &url : mime->urls()) {
+        if (url.isLocalFile()
+            && types.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchExtension).name().startsWith(u"image/")) {
+            attachImage(url.toLocalFile());
+            return true;
+        }
+    }
+    // Text wins over a picture of it: cells copied from a spreadsheet come as both.
+    if (!mime->hasImage() || mime->hasText())
+        return false;
+    const QImage picture = qvariant_cast<QImage>(mime->imageData());
+    detach(take([picture] { return ImageStore::normalized(picture); }));
+    return true;
+}
+
+QCoro::Task<bool> ChatImages::take(std::function<QByteArray()> normalize)
 {
     if (!m_models.hasImageSupport()) {
         m_status.showError(CorvaneError(QStringLiteral("Install image support in Settings to attach images")));
@@ -39,8 +83,6 @@ QCoro::Task<bool> ChatImages::attach(QString path)
     if (!chat)
         co_return false;
     removePendingImage();
-    const QUrl url(path);
-    const QString file = url.isLocalFile() ? url.toLocalFile() : path;
     std::optional<VaultKey> key;
     if (chat->isSealed) {
         key = m_database.vaultKey();
@@ -52,8 +94,8 @@ QCoro::Task<bool> ChatImages::attach(QString path)
     Q_EMIT importingChanged();
     QString name;
     try {
-        auto work = [file, directory = m_store.directory(), key = std::move(key)] {
-            return ImageStore::store(directory, ImageStore::normalized(file), key);
+        auto work = [normalize = std::move(normalize), directory = m_store.directory(), key = std::move(key)] {
+            return ImageStore::store(directory, normalize(), key);
         };
         QCoro::Task<QString> importing = onWorkerThread<QString>(std::move(work));
         name = co_await std::move(importing);

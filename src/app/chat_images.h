@@ -38,6 +38,9 @@ public:
     Q_INVOKABLE void attachImage(const QString &path);
     /// `attachImage`, awaitable: answers whether the image is now pending.
     QCoro::Task<bool> attach(QString path);
+    /// Attaches the picture on the clipboard, or the first picture file copied there; answers
+    /// false (leaving the paste to the text field) when it holds neither, or holds text.
+    Q_INVOKABLE bool pasteImage();
     /// Drops the composer's image and its file.
     Q_INVOKABLE void removePendingImage();
     /// The pending image was sent with a message: it is the message's now.
@@ -61,6 +64,8 @@ Q_SIGNALS:
 
 private:
     void setPending(const QString &name);
+    /// Makes the JPEG that `normalize` produces on a worker thread the pending image.
+    QCoro::Task<bool> take(std::function<QByteArray()> normalize);
 
     ImageStore &m_store;
     Database &m_database;

@@ -114,6 +114,8 @@ Q_SIGNALS:
     void messagesChanged();
     /// The selected chat, its fields or its summary changed.
     void currentChatChanged();
+    /// A reply was stored in the chat on screen, which asks for its replies to be spoken.
+    void replyToSpeak(const QString &text);
 
 private:
     void openSelectedChat();

@@ -283,8 +283,12 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QStrin
             m_database.setCartridgeState(*rendered->state, source, chat.id);
     }
     m_database.addMessage(message, metadata);
-    // Only the chat on screen is re-read; a reply that finishes elsewhere is simply stored.
-    if (m_tree.selectedChatID() == chat.id)
+    // Only the chat on screen is re-read and spoken; a reply that finishes elsewhere is simply
+    // stored.
+    if (m_tree.selectedChatID() == chat.id) {
         loadMessages();
+        if (const std::optional<Chat> current = m_tree.chat(chat.id); current && current->autoSpeakReplies)
+            Q_EMIT replyToSpeak(message.display.isEmpty() ? reply : message.display);
+    }
     co_return rendered;
 }

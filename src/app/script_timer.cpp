@@ -1,6 +1,7 @@
 #include "app/script_timer.h"
 
 #include "app/chat_session.h"
+#include "app/speech.h"
 #include "app/chat_tree.h"
 #include "app/status_banner.h"
 #include "scripts/cartridge_engine.h"
@@ -29,12 +30,13 @@ QCoro::Task<> monotonicSleep(std::chrono::milliseconds delay)
 
 } // namespace
 
-ScriptTimer::ScriptTimer(Database &database, ChatTree &tree, ChatSession &session, StatusBanner &status, Sleep sleep,
-                         QObject *parent)
+ScriptTimer::ScriptTimer(Database &database, ChatTree &tree, ChatSession &session, const Speech &speech,
+                         StatusBanner &status, Sleep sleep, QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_tree(tree)
     , m_session(session)
+    , m_speech(speech)
     , m_status(status)
     , m_sleep(sleep ? std::move(sleep) : Sleep(monotonicSleep))
 {
@@ -64,7 +66,9 @@ void ScriptTimer::restart()
 
 bool ScriptTimer::canTick() const
 {
-    return !m_session.isGenerating() && !m_session.isComposing();
+    // A script never talks over a user who is writing, dictating or waiting for a reply.
+    return !m_session.isGenerating() && !m_speech.isRecording() && !m_speech.isTranscribing()
+           && !m_session.isComposing();
 }
 
 QCoro::Task<> ScriptTimer::run(qint64 chatID, CancellationToken cancel)

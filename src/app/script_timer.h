@@ -13,6 +13,7 @@
 class ChatSession;
 class ChatTree;
 class Database;
+class Speech;
 class StatusBanner;
 
 /// The selected chat's script timer. A script that answers its "info" hook with `tick_every`
@@ -29,7 +30,8 @@ public:
     /// Waits `delay` on a monotonic clock. Tests pass one that waits for their own clock.
     using Sleep = std::function<QCoro::Task<>(std::chrono::milliseconds delay)>;
 
-    ScriptTimer(Database &database, ChatTree &tree, ChatSession &session, StatusBanner &status, Sleep sleep = {},
+    ScriptTimer(Database &database, ChatTree &tree, ChatSession &session, const Speech &speech, StatusBanner &status,
+                Sleep sleep = {},
                 QObject *parent = nullptr);
     ~ScriptTimer() override;
 
@@ -60,6 +62,7 @@ private:
     Database &m_database;
     ChatTree &m_tree;
     ChatSession &m_session;
+    const Speech &m_speech;
     StatusBanner &m_status;
     Sleep m_sleep;
     std::optional<CancellationToken> m_cancel;

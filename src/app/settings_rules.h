@@ -17,6 +17,7 @@ inline const QString maxResponseTokensKey = QStringLiteral("max_response_tokens"
 inline const QString contextTokensKey = QStringLiteral("context_tokens");
 inline const QString modelIDKey = QStringLiteral("model_id");
 inline const QString whisperModelIDKey = QStringLiteral("whisper_model_id");
+inline const QString voiceIDKey = QStringLiteral("voice_id");
 inline const QString vaultKey = QStringLiteral("vault");
 
 inline const QString defaultGlobalPrompt = QStringLiteral("You are a thoughtful, concise companion.");

@@ -60,7 +60,11 @@ QByteArray ImageStore::normalized(const QString &path)
     reader.setAutoTransform(true);
     if (!reader.canRead())
         throw ImageStoreError::unreadable();
-    QImage picture = reader.read();
+    return normalized(reader.read());
+}
+
+QByteArray ImageStore::normalized(QImage picture)
+{
     if (picture.isNull())
         throw ImageStoreError::unreadable();
     if (std::max(picture.width(), picture.height()) > maxPixelSize)

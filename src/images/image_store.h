@@ -62,6 +62,8 @@ public:
     /// The JPEG bytes of the image file at `path`, normalised. Touches nothing of the store, so
     /// it can run on any thread. Throws ImageStoreError.
     static QByteArray normalized(const QString &path);
+    /// The same for a picture already decoded (one pasted from the clipboard).
+    static QByteArray normalized(QImage picture);
     /// Keeps normalised JPEG bytes under a new name, sealed with `key` when given; answers the
     /// name. Touches only the folder, so it can run on any thread.
     static QString store(const QString &directory, const QByteArray &jpeg, const std::optional<VaultKey> &key);

@@ -104,6 +104,14 @@ struct SearchForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct SpeechForeign
+{
+    Q_GADGET
+    QML_FOREIGN(Speech)
+    QML_NAMED_ELEMENT(Speech)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 namespace ReadinessForeign {
 Q_NAMESPACE
 QML_FOREIGN_NAMESPACE(Readiness)

@@ -28,12 +28,19 @@ class ReplyFixture
 public:
     static inline const QString modelID = QStringLiteral("test-chat");
 
-    ReplyFixture()
+    /// Models installed beside the chat model.
+    enum Extra { StandInProjector = 1, DictationModel = 2 };
+
+    explicit ReplyFixture(int extras = 0)
     {
         const QString data = m_dir.filePath(QStringLiteral("data"));
         qputenv("CORVANE_DATA_DIR", data.toUtf8());
-        const ModelSpec spec = linkTestChatModel(data);
-        model = std::make_unique<AppModel>(QList<ModelSpec>{spec});
+        QList<ModelSpec> catalogue{linkTestChatModel(data)};
+        if (extras & StandInProjector)
+            catalogue.append(writeTestProjector(data));
+        if (extras & DictationModel)
+            catalogue.append(linkTestWhisperModel(data));
+        model = std::make_unique<AppModel>(catalogue);
 
         QObject::connect(&model->inference(), &InferenceEngine::requestSent, model.get(),
                          [this](const QString &path, const QByteArray &body) {

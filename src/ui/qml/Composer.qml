@@ -65,6 +65,14 @@ Rectangle {
                 Layout.alignment: Qt.AlignBottom
                 text: "Image…"
                 flat: true
+                leftPadding: Theme.spacing + clip.width
+                PaperclipGlyph {
+                    id: clip
+                    anchors.left: parent.left
+                    anchors.leftMargin: Theme.spacing / 2
+                    anchors.verticalCenter: parent.verticalCenter
+                    color: parent.enabled ? Theme.text : Theme.secondaryText
+                }
                 ToolTip.visible: hovered
                 ToolTip.text: AppModel.models.hasImageSupport ? "Attach an image" : "Install image support in Settings to attach images"
                 Accessible.name: "Attach an image"
@@ -107,9 +115,49 @@ Rectangle {
                         if (composer.canSend)
                             AppModel.chat.send()
                     }
+                    // A picture on the clipboard is attached instead of pasted as text.
+                    Keys.onPressed: (event) => {
+                        event.accepted = event.matches(StandardKey.Paste) && AppModel.images.pasteImage()
+                    }
                     Keys.onReturnPressed: (event) => handleEnter(event)
                     Keys.onEnterPressed: (event) => handleEnter(event)
                 }
+            }
+
+            Button {
+                objectName: "microphoneButton"
+                Layout.alignment: Qt.AlignBottom
+                readonly property bool recording: AppModel.speech.isRecording
+                text: recording ? "Stop " + Math.floor(AppModel.speech.recordedSeconds / 60) + ":"
+                                  + String(AppModel.speech.recordedSeconds % 60).padStart(2, "0")
+                                : AppModel.speech.isTranscribing ? "Transcribing…" : "Dictate"
+                flat: !recording
+                enabled: !AppModel.speech.isTranscribing && !AppModel.chat.isGenerating
+                ToolTip.visible: hovered
+                ToolTip.text: recording ? "Stop and transcribe (Ctrl+Shift+D)" : "Dictate a message (Ctrl+Shift+D)"
+                Accessible.name: recording ? "Stop dictation" : "Dictate"
+                onClicked: AppModel.speech.toggleRecording()
+
+                // How loud the microphone hears the user, under the button while recording.
+                Rectangle {
+                    visible: parent.recording
+                    anchors.bottom: parent.bottom
+                    anchors.left: parent.left
+                    height: 3
+                    width: parent.width * AppModel.speech.level
+                    color: Theme.accent
+                    Accessible.ignored: true
+                }
+            }
+
+            Button {
+                objectName: "stopSpeakingButton"
+                Layout.alignment: Qt.AlignBottom
+                visible: AppModel.speech.isSpeaking
+                text: "Stop speaking"
+                flat: true
+                Accessible.name: "Stop speaking"
+                onClicked: AppModel.speech.stopSpeaking()
             }
 
             Button {
@@ -127,6 +175,12 @@ Rectangle {
                 }
             }
         }
+    }
+
+    Shortcut {
+        sequence: "Ctrl+Shift+D"
+        enabled: !AppModel.speech.isTranscribing && !AppModel.chat.isGenerating
+        onActivated: AppModel.speech.toggleRecording()
     }
 
     FileDialog {

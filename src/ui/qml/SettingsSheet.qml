@@ -34,6 +34,7 @@ Dialog {
     standardButtons: Dialog.Close
 
     onOpened: {
+        AppModel.speech.loadVoices()
         agentName.text = AppModel.settings.globalAgentName
         globalPrompt.text = AppModel.settings.globalPrompt
     }
@@ -179,6 +180,32 @@ Dialog {
             Heading { text: "Downloaded models" }
             ModelSettings {
                 Layout.fillWidth: true
+            }
+
+            Heading { text: "Voice" }
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Spoken replies"
+                    color: Theme.text
+                }
+                ComboBox {
+                    id: voiceChoice
+                    objectName: "voiceChoice"
+                    Layout.fillWidth: true
+                    // The system's default first, then every installed voice by language.
+                    readonly property var entries: [{ id: "", name: "System default", language: "" }].concat(AppModel.speech.voices)
+                    model: entries.map(v => v.language === "" ? v.name : v.name + " (" + v.language + ")")
+                    currentIndex: Math.max(0, entries.findIndex(v => v.id === AppModel.settings.selectedVoiceID))
+                    Accessible.name: "Voice for spoken replies"
+                    onActivated: (i) => {
+                        AppModel.speech.selectVoice(entries[i].id)
+                        currentIndex = Qt.binding(() => Math.max(0, entries.findIndex(v => v.id === AppModel.settings.selectedVoiceID)))
+                    }
+                }
+            }
+            Note {
+                text: "Chats with Auto play on speak each completed reply with this voice."
             }
 
             Heading { text: "Locked folders" }
