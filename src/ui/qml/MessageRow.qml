@@ -91,8 +91,12 @@ Item {
             objectName: "messageImage"
             visible: row.image !== "" && status === Image.Ready
             Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
-            Layout.preferredWidth: Math.min(sourceSize.width, row.maxBubbleWidth)
-            Layout.preferredHeight: sourceSize.width > 0 ? Layout.preferredWidth * sourceSize.height / sourceSize.width : 0
+            // At most the column's width and 360 pixels high, so that a tall photo leaves room
+            // for its words.
+            readonly property real fit: sourceSize.width > 0
+                                        ? Math.min(1, row.maxBubbleWidth / sourceSize.width, 360 / sourceSize.height) : 0
+            Layout.preferredWidth: sourceSize.width * fit
+            Layout.preferredHeight: sourceSize.height * fit
             source: row.image !== "" ? "image://stored/" + row.image : ""
             fillMode: Image.PreserveAspectFit
             cache: false
@@ -114,6 +118,8 @@ Item {
         }
 
         Rectangle {
+            // A picture sent without words has no bubble.
+            visible: row.text !== "" || row.isLive
             Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
             Layout.preferredWidth: row.isUser ? Math.min(body.contentWidth + 1, row.maxBubbleWidth - 2 * Theme.spacing) + 2 * Theme.spacing
                                               : column.width
