@@ -1,6 +1,6 @@
 // A machine without sound (a server, CI): the application starts, the microphone says what is
-// wrong in the exact words and leaves nothing behind, and a reply to be spoken neither hangs
-// nor pretends to be spoken.
+// wrong in the exact words (a missing dictation model first) and leaves nothing behind, and a
+// reply to be spoken neither hangs nor pretends to be spoken.
 #include "reply_fixture.h"
 
 #include "app/speech.h"
@@ -19,15 +19,25 @@ private Q_SLOTS:
         qputenv("CORVANE_SPEECH_ENGINE", "flite");
     }
 
+    void theMicrophoneSaysWhatIsWrong_data()
+    {
+        QTest::addColumn<int>("models");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("no dictation model") << 0 << "Install a dictation model in Settings to dictate";
+        QTest::newRow("no microphone") << int(ReplyFixture::DictationModel) << "Microphone access is required for dictation";
+    }
+
     void theMicrophoneSaysWhatIsWrong()
     {
+        QFETCH(int, models);
+        QFETCH(QString, error);
         QTemporaryDir temporary;
         qputenv("TMPDIR", temporary.path().toUtf8());
-        ReplyFixture f(ReplyFixture::DictationModel);
+        ReplyFixture f(models);
         f.newChat();
         Speech &speech = *f.model->speech();
         speech.toggleRecording();
-        QCOMPARE(f.status(), QStringLiteral("Microphone access is required for dictation"));
+        QCOMPARE(f.status(), error);
         QVERIFY(f.model->status()->isError());
         QVERIFY(!speech.isRecording());
         QVERIFY(!f.model->isBusy());

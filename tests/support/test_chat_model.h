@@ -7,40 +7,39 @@
 #include <QFileInfo>
 #include <QString>
 
+/// Links the model file `model` into the Models folder of the data folder `dataDirectory` as
+/// `fileName`, and answers a catalogue entry for it with `id` and `role`.
+inline ModelSpec linkTestModel(const QString &dataDirectory, const QString &model, const QString &id,
+                               const QString &fileName, ModelSpec::Role role)
+{
+    ModelSpec spec;
+    spec.id = id;
+    spec.name = QStringLiteral("Test model ") + id;
+    spec.fileName = fileName;
+    spec.url = QStringLiteral("test/resolve/0/") + fileName;
+    spec.byteCount = QFileInfo(model).size();
+    spec.sha256 = QString(64, QLatin1Char('0'));
+    spec.role = role;
+    QDir().mkpath(dataDirectory + QStringLiteral("/Models"));
+    QFile::link(QFileInfo(model).absoluteFilePath(), dataDirectory + QStringLiteral("/Models/") + fileName);
+    return spec;
+}
+
 /// Makes `model` (by default the generated test model) the installed chat model of the data
 /// folder `dataDirectory`: links it into its Models folder and returns the catalogue entry,
 /// id "test-chat", to build the AppModel with.
 inline ModelSpec linkTestChatModel(const QString &dataDirectory,
                                    const QString &model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf"))
 {
-    ModelSpec spec;
-    spec.id = QStringLiteral("test-chat");
-    spec.name = QStringLiteral("Test chat model");
-    spec.fileName = QStringLiteral("chat.gguf");
-    spec.url = QStringLiteral("test/resolve/0/chat.gguf");
-    spec.byteCount = QFileInfo(model).size();
-    spec.sha256 = QString(64, QLatin1Char('0'));
-    spec.role = ModelSpec::Role::Chat;
-    QDir().mkpath(dataDirectory + QStringLiteral("/Models"));
-    QFile::link(QFileInfo(model).absoluteFilePath(), dataDirectory + QStringLiteral("/Models/chat.gguf"));
-    return spec;
+    return linkTestModel(dataDirectory, model, QStringLiteral("test-chat"), QStringLiteral("chat.gguf"),
+                         ModelSpec::Role::Chat);
 }
 
 /// The generated random-weight Whisper model as the installed dictation model "whisper-base".
 inline ModelSpec linkTestWhisperModel(const QString &dataDirectory)
 {
-    const QString model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/whisper-random.bin");
-    ModelSpec spec;
-    spec.id = QStringLiteral("whisper-base");
-    spec.name = QStringLiteral("Test dictation model");
-    spec.fileName = QStringLiteral("ggml-base.bin");
-    spec.url = QStringLiteral("test/resolve/0/ggml-base.bin");
-    spec.byteCount = QFileInfo(model).size();
-    spec.sha256 = QString(64, QLatin1Char('0'));
-    spec.role = ModelSpec::Role::Transcription;
-    QDir().mkpath(dataDirectory + QStringLiteral("/Models"));
-    QFile::link(QFileInfo(model).absoluteFilePath(), dataDirectory + QStringLiteral("/Models/ggml-base.bin"));
-    return spec;
+    return linkTestModel(dataDirectory, QStringLiteral(CORVANE_TEST_MODELS_DIR "/whisper-random.bin"),
+                         QStringLiteral("whisper-base"), QStringLiteral("ggml-base.bin"), ModelSpec::Role::Transcription);
 }
 
 /// A stand-in vision projector for the test model (id "test-chat-vision") in the data folder

@@ -45,17 +45,6 @@ private:
         QFile file(images().store().directory() + QLatin1Char('/') + name);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
-    void click(const QString &name)
-    {
-        QQuickItem *item = findItem(m_window, name);
-        QVERIFY(item && item->isVisible());
-        QTest::mouseClick(m_window, Qt::LeftButton, {}, item->mapToScene({item->width() / 2, item->height() / 2}).toPoint());
-    }
-    QString accessibleName(const QString &name)
-    {
-        QAccessibleInterface *node = QAccessible::queryAccessibleInterface(object(name));
-        return node ? node->text(QAccessible::Name) : QString();
-    }
     /// Drops `url` on the middle of the chat, as a file manager does.
     void drop(const QUrl &url)
     {

@@ -47,17 +47,6 @@ private:
     bool shown(const QString &name) { return object(name)->property("visible").toBool(); }
     bool isLocked(qint64 folder) { return m_model->tree()->folderDetails(folder).value("isLocked").toBool(); }
 
-    void click(QQuickItem *item, Qt::MouseButton button = Qt::LeftButton)
-    {
-        // Drawn first, as the user sees it: a menu lays out the entries it just hid or showed
-        // before its first frame.
-        m_window->grabWindow();
-        QVERIFY(item && item->isVisible());
-        const QPointF centre(item->width() / 2, item->height() / 2);
-        QTest::mouseClick(m_window, button, {}, item->mapToScene(centre).toPoint());
-    }
-    void click(const QString &name) { click(qobject_cast<QQuickItem *>(object(name))); }
-
     /// The sidebar row of a folder or chat, null when it is not shown.
     QQuickItem *row(const QString &kind, qint64 id)
     {

@@ -17,12 +17,6 @@ private:
 
     ScriptLibrary &scripts() { return *m_model->scripts(); }
     bool shown(const QString &name) { return object(name) && object(name)->property("visible").toBool(); }
-    void click(const QString &name)
-    {
-        QQuickItem *item = findItem(m_window, name);
-        QVERIFY2(item && item->isVisible(), qPrintable(name));
-        QTest::mouseClick(m_window, Qt::LeftButton, {}, item->mapToScene(QPointF(item->width() / 2, item->height() / 2)).toPoint());
-    }
     QByteArray file() const
     {
         QFile script(m_model->scripts()->selectedPath());

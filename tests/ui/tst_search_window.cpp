@@ -33,12 +33,6 @@ private:
         return model->data(model->index(row), SearchHitListModel::AccessibleTextRole).toString();
     }
 
-    void click(const QString &name)
-    {
-        QQuickItem *item = findItem(m_window, name);
-        QVERIFY(item && item->isVisible());
-        QTest::mouseClick(m_window, Qt::LeftButton, {}, item->mapToScene(QPointF(item->width() / 2, item->height() / 2)).toPoint());
-    }
 
     void typeTerm(const QString &term)
     {

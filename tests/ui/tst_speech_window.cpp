@@ -1,8 +1,10 @@
 // Dictation and the voice as the user meets them in the window, on a private PulseAudio server
-// whose microphone hears a tone: the microphone button starts recording and shows the time,
-// a second press transcribes into the composer without sending, and Settings lists the voices.
+// whose microphone hears a tone: the microphone button starts recording and shows the time
+// (nothing else runs meanwhile), a second press transcribes into the composer without
+// sending, and Settings lists the voices.
 // Pictures go to build/test-output/.
 #include "app/app_model.h"
+#include "app/script_timer.h"
 #include "qml_types.h"
 #include "support/null_audio.h"
 #include "support/test_chat_model.h"
@@ -22,17 +24,6 @@ private:
     std::unique_ptr<NullAudio> m_audio;
     QString m_tone;
 
-    void click(const QString &name)
-    {
-        QQuickItem *item = findItem(m_window, name);
-        QVERIFY(item && item->isVisible() && item->isEnabled());
-        QTest::mouseClick(m_window, Qt::LeftButton, {}, item->mapToScene({item->width() / 2, item->height() / 2}).toPoint());
-    }
-    QString accessibleName(const QString &name)
-    {
-        QAccessibleInterface *node = QAccessible::queryAccessibleInterface(object(name));
-        return node ? node->text(QAccessible::Name) : QString();
-    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -57,6 +48,9 @@ private Q_SLOTS:
         click(QStringLiteral("microphoneButton"));
         QTRY_VERIFY(m_model->speech()->isRecording());
         QCOMPARE(accessibleName("microphoneButton"), QStringLiteral("Stop dictation"));
+        QVERIFY(m_model->isBusy());
+        // A script's timer waits while the user dictates.
+        QVERIFY(!m_model->scriptTimer().canTick());
         QVERIFY(m_audio->playIntoMicrophone(m_tone));
         QTRY_COMPARE(textOf("microphoneButton"), QStringLiteral("Stop 0:02"));
         savePicture(QStringLiteral("speech-recording.png"), 100);
@@ -68,6 +62,7 @@ private Q_SLOTS:
         QCOMPARE(textOf("composerInput"), m_model->chat()->composer());
         QVERIFY(m_model->chat()->messages().isEmpty());
         QCOMPARE(textOf("microphoneButton"), QStringLiteral("Dictate"));
+        QVERIFY(!m_model->isBusy());
     }
 
     void settingsListTheVoices()

@@ -6,6 +6,7 @@
 #include "qml_types.h"
 #include "stored_image_provider.h"
 
+#include <QAccessible>
 #include <QDir>
 #include <QImage>
 #include <QQmlApplicationEngine>
@@ -124,5 +125,26 @@ protected:
         QTRY_VERIFY(!popup->property("visible").toBool());
     }
     void type(const QString &text) { typeInto(m_window, text); }
+    /// Clicks the middle of `item`, drawn first as the user sees it: a menu lays out the
+    /// entries it just hid or showed before its first frame.
+    void click(QQuickItem *item, Qt::MouseButton button = Qt::LeftButton)
+    {
+        m_window->grabWindow();
+        QVERIFY(item && item->isVisible());
+        const QPointF centre(item->width() / 2, item->height() / 2);
+        QTest::mouseClick(m_window, button, {}, item->mapToScene(centre).toPoint());
+    }
+    void click(const QString &name, Qt::MouseButton button = Qt::LeftButton)
+    {
+        QQuickItem *item = findItem(m_window, name);
+        QVERIFY2(item, qPrintable(name));
+        click(item, button);
+    }
+    /// What a screen reader says for the item `name`.
+    QString accessibleName(const QString &name)
+    {
+        QAccessibleInterface *node = QAccessible::queryAccessibleInterface(object(name));
+        return node ? node->text(QAccessible::Name) : QStringLiteral("<missing %1>").arg(name);
+    }
     void savePicture(const QString &name, int settleMs = 300) { ::savePicture(m_window, name, settleMs); }
 };

@@ -156,6 +156,8 @@ Rectangle {
                 visible: AppModel.speech.isSpeaking
                 text: "Stop speaking"
                 flat: true
+                ToolTip.visible: hovered
+                ToolTip.text: "Stop reading the reply aloud (Escape)"
                 Accessible.name: "Stop speaking"
                 onClicked: AppModel.speech.stopSpeaking()
             }

@@ -158,9 +158,10 @@ ApplicationWindow {
             Shortcut {
                 sequence: "Escape"
                 context: Qt.WindowShortcut
-                // In the search, Escape goes back instead.
-                enabled: AppModel.chat.isGenerating && main.pane === "chat"
-                onActivated: AppModel.chat.stopReply()
+                // In the search, Escape goes back instead. It stops a reply being written, else
+                // one being read aloud.
+                enabled: (AppModel.chat.isGenerating || AppModel.speech.isSpeaking) && main.pane === "chat"
+                onActivated: AppModel.chat.isGenerating ? AppModel.chat.stopReply() : AppModel.speech.stopSpeaking()
             }
 
             // The toolbar: where things stand, privacy, settings.
