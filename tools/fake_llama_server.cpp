@@ -1,7 +1,8 @@
 // Stands in for llama-server where the real one cannot be made to behave as a test needs: a
 // reply of nothing but white space, or describing an image without a vision projector (none
-// can be generated here). It takes the real server's command line, answers on 127.0.0.1 only
-// with the same bearer key, and speaks just enough of its API:
+// can be generated here). It takes the real server's command line and its key from the same
+// environment variable, answers on 127.0.0.1 only with that bearer key, and speaks just enough
+// of its API:
 //   GET  /v1/models            readiness
 //   POST /apply-template       {"prompt": all contents joined}
 //   POST /tokenize             one token per four characters
@@ -94,7 +95,7 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     const QStringList arguments = app.arguments();
-    const QByteArray key = "Bearer " + option(arguments, QStringLiteral("--api-key")).toLatin1();
+    const QByteArray key = "Bearer " + qgetenv("LLAMA_API_KEY");
     QTcpServer server;
     if (!server.listen(QHostAddress::LocalHost, quint16(option(arguments, QStringLiteral("--port")).toUInt())))
         return 1;

@@ -75,7 +75,6 @@ QStringList InferenceEngine::arguments(const QString &modelPath, const std::opti
         QStringLiteral("--parallel"), QStringLiteral("1"),
         QStringLiteral("--reasoning"), QStringLiteral("off"),
         QStringLiteral("--no-webui"),
-        QStringLiteral("--api-key"), m_key,
     };
     if (projectorPath)
         arguments << QStringLiteral("--mmproj") << *projectorPath;
@@ -146,6 +145,12 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
     m_process = process;
     process->setStandardOutputFile(QProcess::nullDevice());
     process->setStandardErrorFile(QProcess::nullDevice());
+    // The key goes in the environment, which only this user can read, not on the command
+    // line, which every user's `ps` shows.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LLAMA_API_KEY"), m_key);
+    process->setProcessEnvironment(environment);
+    AuxiliaryExecutable::endWithParent(*process);
     const QStringList serverArguments = arguments(modelPath, projectorPath, contextTokens);
     const bool started = co_await qCoro(process).start(program, serverArguments);
     throwIfGone();

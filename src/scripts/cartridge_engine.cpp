@@ -69,6 +69,7 @@ QCoro::Task<CartridgeResult> evaluateWith(QString runner, QString source, Cartri
     QProcess process;
     process.setProgram(runnerFile.absoluteFilePath());
     process.setStandardErrorFile(QProcess::nullDevice());
+    AuxiliaryExecutable::endWithParent(process);
     // An answer past the limit is refused whatever follows, so there is no need to read on.
     bool answerTooLarge = false;
     QObject::connect(&process, &QProcess::readyReadStandardOutput, &process, [&] {

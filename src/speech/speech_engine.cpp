@@ -73,6 +73,7 @@ QCoro::Task<QString> SpeechEngine::stopAndTranscribe(QString model)
     QProcess process;
     process.setStandardOutputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());
+    AuxiliaryExecutable::endWithParent(process);
     const QStringList arguments{QStringLiteral("-m"), model,         QStringLiteral("-f"),  recording,
                                 QStringLiteral("-l"), QStringLiteral("auto"), QStringLiteral("-otxt"),
                                 QStringLiteral("-of"), outputBase,   QStringLiteral("-np")};

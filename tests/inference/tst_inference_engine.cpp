@@ -1,7 +1,7 @@
 // InferenceEngine against the real llama-server that the build places in libexec/corvane, on
 // the generated random-weight model: the server's life (start, reuse, restart, recovery after
-// it died), what it lets in, and the exchanges (exact token counts, fitting by binary search,
-// streaming, Stop).
+// it died, its end with a killed application), what it lets in, and the exchanges (exact
+// token counts, fitting by binary search, streaming, Stop).
 #include "inference/exchange_format.h"
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
@@ -10,8 +10,10 @@
 #include "support/await_task.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QJsonDocument>
 #include <QNetworkReply>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -24,9 +26,20 @@ using ExchangeFormat::message;
 
 const QString s_model = QStringLiteral(CORVANE_TEST_MODELS_DIR "/chat-qwen35.gguf");
 
+/// Not yet reaped: for a child of this process, until QProcess has seen it end.
 bool processAlive(qint64 pid)
 {
     return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+/// Gone, or ended and waiting for whoever adopted it to reap it.
+bool processEnded(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return true;
+    const QByteArray line = stat.readAll();
+    return line.mid(line.lastIndexOf(')') + 2, 1) == "Z";
 }
 
 } // namespace
@@ -75,7 +88,8 @@ private Q_SLOTS:
         QCOMPARE(AuxiliaryExecutable::find("llama-server"), CORVANE_LIBEXEC_DIR "/llama-server");
         const QStringList arguments = m_engine.arguments(s_model, std::nullopt, 16384);
         QCOMPARE(arguments.value(arguments.indexOf("--host") + 1), "127.0.0.1");
-        QCOMPARE(arguments.value(arguments.indexOf("--api-key") + 1), m_engine.key());
+        // The key travels in the environment: every user can read a command line.
+        QVERIFY(!arguments.join(' ').contains(m_engine.key()));
         QVERIFY(InferenceEngine().key() != m_engine.key());
         QCOMPARE(direct("/v1/models").first, 401);
         QCOMPARE(direct("/tokenize", QJsonObject{{"content", "hello"}}).first, 401);
@@ -83,6 +97,18 @@ private Q_SLOTS:
         // the context it is given.
         const QJsonObject props = direct("/props", std::nullopt, true).second;
         QCOMPARE(props.value("default_generation_settings").toObject().value("n_ctx").toInt(), 16384);
+    }
+
+    void aKilledApplicationTakesItsServerAlong()
+    {
+        QProcess application;
+        application.start(QStringLiteral(CORVANE_BIN_DIR "/../tests/corvane-server-holder"), {s_model});
+        QVERIFY(application.waitForReadyRead(60000));
+        const qint64 server = application.readLine().trimmed().toLongLong();
+        QVERIFY(server > 0 && !processEnded(server));
+        ::kill(static_cast<pid_t>(application.processId()), SIGKILL);
+        QVERIFY(application.waitForFinished());
+        QTRY_VERIFY_WITH_TIMEOUT(processEnded(server), 10000);
     }
 
     void restartsForAnotherContextSizeOnTheSamePortAndKey()
