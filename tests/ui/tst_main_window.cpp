@@ -89,6 +89,15 @@ private Q_SLOTS:
         savePicture(QStringLiteral("main-window.png"));
     }
 
+    void screenReadersHearOnlyWhatIsShown()
+    {
+        QAccessible::setActive(true);
+        // The panes not on screen are offered whole, marked invisible, and nothing inside them.
+        const QStringList panesOffScreen{QStringLiteral("Pane \"Search your chats\" (searchPane)"),
+                                         QStringLiteral("Pane \"Scripts\" (scriptsPane)")};
+        QCOMPARE(hiddenAccessibleItems(m_window).join(QLatin1String("; ")), panesOffScreen.join(QLatin1String("; ")));
+    }
+
     void whatTheModelSaw()
     {
         QVERIFY(QMetaObject::invokeMethod(findItem(m_window, QStringLiteral("metadataButton")), "clicked"));

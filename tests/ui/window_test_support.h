@@ -65,6 +65,28 @@ inline int darkPixels(const QImage &image)
     return dark;
 }
 
+/// Every item a screen reader is offered that is not on screen: its role, name and object
+/// name. A screen reader must hear exactly what is shown.
+inline QStringList hiddenAccessibleItems(QQuickWindow *window)
+{
+    QStringList hidden;
+    std::function<void(QAccessibleInterface *)> visit = [&](QAccessibleInterface *node) {
+        if (!node || !node->isValid())
+            return;
+        auto *item = qobject_cast<QQuickItem *>(node->object());
+        if (item && (!item->isVisible() || item->opacity() == 0 || node->state().invisible)) {
+            hidden << QStringLiteral("%1 \"%2\" (%3)")
+                          .arg(QString::fromLatin1(QMetaEnum::fromType<QAccessible::Role>().valueToKey(node->role())),
+                               node->text(QAccessible::Name), item->objectName());
+            return;
+        }
+        for (int i = 0; i < node->childCount(); ++i)
+            visit(node->child(i));
+    };
+    visit(QAccessible::queryAccessibleInterface(window));
+    return hidden;
+}
+
 /// Saves a picture of the window under build/test-output/ once it settled (positioning,
 /// popups' transitions), and checks that text was drawn.
 inline void savePicture(QQuickWindow *window, const QString &name, int settleMs = 300)

@@ -71,6 +71,7 @@ Rectangle {
             ListView {
                 id: list
                 objectName: "messageList"
+                Accessible.ignored: !visible
 
                 /// The view follows new text only while the user is at the end.
                 property bool followsEnd: true
@@ -92,7 +93,7 @@ Rectangle {
                 reuseItems: true
                 cacheBuffer: 800
                 boundsBehavior: Flickable.StopAtBounds
-                ScrollBar.vertical: ScrollBar {}
+                ScrollBar.vertical: ScrollBar { Accessible.ignored: !visible }
                 Accessible.role: Accessible.List
                 Accessible.name: "Messages"
 
@@ -121,6 +122,7 @@ Rectangle {
                     MessageRow {
                         id: liveRow
                         objectName: "liveReply"
+                        Accessible.ignored: !visible
                         width: parent.width
                         visible: pane.showsLiveReply
                         messageID: -1
@@ -143,6 +145,7 @@ Rectangle {
             // No chat selected.
             Label {
                 objectName: "noChatSelected"
+                Accessible.ignored: !visible
                 anchors.centerIn: parent
                 width: Math.min(parent.width - 2 * Theme.largeSpacing, Theme.contentWidth)
                 visible: !pane.hasChat
@@ -165,6 +168,7 @@ Rectangle {
 
                 Label {
                     objectName: "emptyChatHeading"
+                    Accessible.ignored: !visible
                     Layout.fillWidth: true
                     text: AppModel.models.hasChatModel ? "Start a conversation" : "Install a chat model"
                     horizontalAlignment: Text.AlignHCenter
@@ -176,6 +180,7 @@ Rectangle {
                 }
                 Label {
                     objectName: "emptyChatText"
+                    Accessible.ignored: !visible
                     Layout.fillWidth: true
                     text: AppModel.models.hasChatModel
                           ? "Everything is private. Your chats, images, and data stay on this computer and are never sent to a server, so you can talk about anything."

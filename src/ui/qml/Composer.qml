@@ -32,6 +32,7 @@ Rectangle {
 
             Image {
                 objectName: "pendingImage"
+                Accessible.ignored: !visible
                 Layout.preferredWidth: 72
                 Layout.preferredHeight: 72
                 sourceSize: Qt.size(144, 144)
@@ -45,9 +46,11 @@ Rectangle {
                 visible: AppModel.images.isImporting
                 running: visible
                 Accessible.name: "Reading the image"
+                Accessible.ignored: !visible
             }
             Button {
                 objectName: "removePendingImage"
+                Accessible.ignored: !visible
                 visible: AppModel.images.pendingImage !== ""
                 text: "Remove"
                 flat: true
@@ -152,6 +155,7 @@ Rectangle {
 
             Button {
                 objectName: "stopSpeakingButton"
+                Accessible.ignored: !visible
                 Layout.alignment: Qt.AlignBottom
                 visible: AppModel.speech.isSpeaking
                 text: "Stop speaking"

@@ -188,6 +188,7 @@ ApplicationWindow {
                     Item { Layout.fillWidth: true }
                     Button {
                         objectName: "lockAllButton"
+                        Accessible.ignored: !visible
                         visible: AppModel.locks.isUnlocked
                         text: "Lock All Folders"
                         flat: true
@@ -239,6 +240,7 @@ ApplicationWindow {
                 Label {
                     id: statusText
                     objectName: "statusText"
+                    Accessible.ignored: !visible
                     anchors.fill: parent
                     anchors.leftMargin: Theme.spacing
                     anchors.rightMargin: Theme.spacing

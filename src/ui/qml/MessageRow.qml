@@ -55,6 +55,7 @@ Item {
         // Where the summary's reach ends: everything above is remembered through it.
         ItemDelegate {
             objectName: "summaryMarker"
+            Accessible.ignored: !visible
             visible: row.showsSummaryMarker
             Layout.fillWidth: true
             Accessible.name: "Earlier messages summarized. Click to read the summary."
@@ -64,6 +65,7 @@ Item {
                 Label {
                     Layout.fillWidth: true
                     text: "Earlier messages summarized"
+                    Accessible.ignored: true
                     horizontalAlignment: Text.AlignHCenter
                     font.pixelSize: Theme.smallSize
                     font.bold: true
@@ -72,6 +74,7 @@ Item {
                 Label {
                     Layout.fillWidth: true
                     text: "Corvane now remembers the messages above through a summary. Click to read it."
+                    Accessible.ignored: true
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
                     font.pixelSize: Theme.smallSize
@@ -89,6 +92,7 @@ Item {
         Image {
             id: picture
             objectName: "messageImage"
+            Accessible.ignored: !visible
             visible: row.image !== "" && status === Image.Ready
             Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
             // At most the column's width and 360 pixels high, so that a tall photo leaves room
@@ -108,6 +112,7 @@ Item {
         }
         Label {
             objectName: "imageUnavailable"
+            Accessible.ignored: !visible
             visible: row.image !== "" && picture.status === Image.Error
             Layout.alignment: row.isUser ? Qt.AlignRight : Qt.AlignLeft
             text: "Image unavailable"
@@ -130,6 +135,7 @@ Item {
             TextEdit {
                 id: body
                 objectName: row.isLive ? "liveReplyText" : "messageText"
+                Accessible.ignored: !visible
                 x: row.isUser ? Theme.spacing : 0
                 y: row.isUser ? Theme.spacing / 2 : 0
                 width: row.isUser ? row.maxBubbleWidth - 2 * Theme.spacing : column.width
@@ -156,6 +162,7 @@ Item {
 
         Button {
             objectName: "metadataButton"
+            Accessible.ignored: !visible
             visible: !row.isUser && !row.isLive && row.messageID >= 0
             flat: true
             padding: 2

@@ -156,6 +156,7 @@ Item {
 
                 ToolButton {
                     objectName: "disclosure"
+                    Accessible.ignored: !visible
                     visible: row.isFolder
                     enabled: row.hasChildren
                     opacity: row.hasChildren ? 1 : 0.25
@@ -189,6 +190,7 @@ Item {
                 TextField {
                     id: field
                     objectName: "renameField"
+                    Accessible.ignored: !visible
                     visible: row.editing
                     Layout.fillWidth: true
                     selectByMouse: true
@@ -204,6 +206,7 @@ Item {
 
                 ToolButton {
                     objectName: "rowMenuButton"
+                    Accessible.ignored: !visible
                     text: "⋯"
                     visible: !row.editing && (mouse.containsMouse || hovered || row.isSelected)
                     implicitWidth: 26
