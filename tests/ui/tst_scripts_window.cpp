@@ -66,6 +66,16 @@ private Q_SLOTS:
         editor->setProperty("text", "module.exports = {\n  name: \"Tidy\",\n  prompt: () => \"Be tidy.\",\n};\n");
         QTRY_COMPARE(textOf("scriptCheck"), "No problems found");
         QVERIFY(file().contains("Be tidy."));
+
+        // Leaving the pane at once keeps what was just typed; it is all there on return.
+        const QByteArray typed = "module.exports = {\n  name: \"Tidy\",\n  prompt: () => \"Be tidy. Be brief.\",\n};\n";
+        editor->setProperty("text", QString::fromUtf8(typed));
+        QTest::keyClick(m_window, Qt::Key_Escape);
+        QTRY_VERIFY(!shown("scriptsPane"));
+        QTRY_COMPARE(file(), typed);
+        QTest::keySequence(m_window, QKeySequence("Ctrl+Shift+S"));
+        QTRY_VERIFY(shown("scriptsPane"));
+        QCOMPARE(textOf("scriptEditor"), QString::fromUtf8(typed));
     }
 
     void renamingRewritesTheName()

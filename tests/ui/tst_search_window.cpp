@@ -25,7 +25,7 @@ private:
     Search &search() { return *m_model->search(); }
     QQuickItem *hitList() { return findItem(m_window, "searchHits"); }
     int hitCount() { return hitList()->property("count").toInt(); }
-    bool searching() { return object("searchPane")->property("visible").toBool(); }
+    bool searching() { return object("searchPane") && object("searchPane")->property("visible").toBool(); }
 
     QString hitName(int row)
     {

@@ -69,13 +69,13 @@ ApplicationWindow {
                     AppModel.search.begin()
                     showPane("search")
                 }
-                searchPane.focusField()
+                searchPane.item.focusField()
             }
 
             function openScripts() {
                 AppModel.scripts.reload()
                 showPane("scripts")
-                scriptsPane.focusList()
+                scriptsPane.item.focusList()
             }
 
             /// Back to the chat, the keyboard where it was.
@@ -279,24 +279,31 @@ ApplicationWindow {
                         anchors.fill: parent
                         visible: main.pane === "chat"
                     }
-                    SearchPane {
+                    // The search and scripts panes exist only while shown, so that a screen
+                    // reader finds nothing of them otherwise; what they show lives in
+                    // AppModel.search and AppModel.scripts.
+                    Loader {
                         id: searchPane
-                        objectName: "searchPane"
                         anchors.fill: parent
-                        visible: main.pane === "search"
-                        onClosed: main.closePane()
-                        onHitChosen: (chatID, messageID) => {
-                            main.pane = "chat"
-                            AppModel.tree.selectChat(chatID)
-                            chatPane.showMessage(messageID)
+                        active: main.pane === "search"
+                        sourceComponent: SearchPane {
+                            objectName: "searchPane"
+                            onClosed: main.closePane()
+                            onHitChosen: (chatID, messageID) => {
+                                main.pane = "chat"
+                                AppModel.tree.selectChat(chatID)
+                                chatPane.showMessage(messageID)
+                            }
                         }
                     }
-                    ScriptsPane {
+                    Loader {
                         id: scriptsPane
-                        objectName: "scriptsPane"
                         anchors.fill: parent
-                        visible: main.pane === "scripts"
-                        onClosed: main.closePane()
+                        active: main.pane === "scripts"
+                        sourceComponent: ScriptsPane {
+                            objectName: "scriptsPane"
+                            onClosed: main.closePane()
+                        }
                     }
                 }
             }

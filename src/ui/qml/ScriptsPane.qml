@@ -41,6 +41,8 @@ Rectangle {
     }
 
     Component.onCompleted: readSelectedFolder()
+    // The pane goes when another is shown: nothing typed is lost.
+    Component.onDestruction: flush()
 
     Connections {
         target: AppModel.tree
@@ -118,8 +120,9 @@ Rectangle {
                         pane.select(AppModel.scripts.files[currentIndex].path)
                 }
                 onActiveFocusChanged: {
+                    // Back at the script the user had, else the first.
                     if (activeFocus && currentIndex < 0 && count > 0)
-                        currentIndex = 0
+                        currentIndex = Math.max(0, AppModel.scripts.files.findIndex(f => f.path === AppModel.scripts.selectedPath))
                 }
                 Keys.onReturnPressed: editor.forceActiveFocus()
                 Keys.onEscapePressed: pane.closed()
