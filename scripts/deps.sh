@@ -150,9 +150,6 @@ mkdir -p "$libexec" "$build/test-tools"
 install -C -m 755 "$llama_dir/bin/llama-server" "$libexec/llama-server"
 install -C -m 755 "$whisper_dir/bin/whisper-cli" "$libexec/whisper-cli"
 install -C -m 755 "$llama_dir/bin/test-llama-archs" "$build/test-tools/test-llama-archs"
-# The runtime folder whose llama-server is the stand-in transcribes with the real whisper-cli.
-mkdir -p "$build/fake-runtime/libexec/corvane"
-ln -sfn ../../../libexec/corvane/whisper-cli "$build/fake-runtime/libexec/corvane/whisper-cli"
 
 deps_cmake="$build/deps.cmake"
 new=$(cat <<EOF

@@ -99,9 +99,7 @@ void Speech::setState(bool recording, bool transcribing)
 
 void Speech::loadVoices()
 {
-    if (m_askedForVoices)
-        return;
-    m_askedForVoices = true;
+    // The engine asks once and keeps the list; a list that did not come is asked for again.
     fetchVoices();
 }
 

@@ -4,7 +4,6 @@
 
 #include <QObject>
 #include <QString>
-#include <QTimer>
 #include <QVariantList>
 
 #include <QCoro/QCoroTask>
@@ -45,7 +44,7 @@ public:
     Q_INVOKABLE void toggleRecording();
     /// `toggleRecording`, awaitable.
     QCoro::Task<> toggle();
-    /// Asks the speech engine for its voices, once.
+    /// Asks the speech engine for its voices.
     Q_INVOKABLE void loadVoices();
     /// Speaks replies with `id`; ignored unless it is one of `voices` or empty (the default).
     Q_INVOKABLE void selectVoice(const QString &id);
@@ -70,6 +69,5 @@ private:
     StatusBanner &m_status;
     bool m_recording = false;
     bool m_transcribing = false;
-    bool m_askedForVoices = false;
     QList<Voice> m_voices;
 };

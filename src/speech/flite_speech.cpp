@@ -3,6 +3,7 @@
 #include <QAudioSink>
 #include <QHash>
 #include <QMediaDevices>
+#include <QTextBoundaryFinder>
 #include <QThread>
 
 #include <flite/flite.h>
@@ -36,6 +37,33 @@ QString voiceID(const FliteVoice &voice)
     return QString::fromLatin1(voice.language) + QLatin1Char('/') + QString::fromLatin1(voice.name);
 }
 
+/// `text` in sentences, long ones cut at spaces: each is synthesised while the one before
+/// plays, so speech starts after the first sentence, not after the whole reply.
+QStringList sentences(const QString &text)
+{
+    constexpr qsizetype longest = 300;
+    QStringList pieces;
+    QTextBoundaryFinder sentences(QTextBoundaryFinder::Sentence, text);
+    qsizetype from = 0;
+    while (from < text.size()) {
+        qsizetype to = sentences.toNextBoundary();
+        if (to < 0)
+            to = text.size();
+        QString sentence = text.sliced(from, to - from).simplified();
+        from = to;
+        while (sentence.size() > longest) {
+            qsizetype cut = sentence.lastIndexOf(QLatin1Char(' '), longest);
+            if (cut <= 0)
+                cut = longest;
+            pieces.append(sentence.first(cut));
+            sentence = sentence.sliced(cut).trimmed();
+        }
+        if (!sentence.isEmpty())
+            pieces.append(sentence);
+    }
+    return pieces;
+}
+
 } // namespace
 
 /// flite itself, on the speech thread: one text at a time, a piece after the other, giving up
@@ -45,8 +73,8 @@ class FliteSynthesizer : public QObject
     Q_OBJECT
 
 public:
-    explicit FliteSynthesizer(std::shared_ptr<std::atomic<quint64>> wanted)
-        : m_wanted(std::move(wanted))
+    explicit FliteSynthesizer(const std::atomic<quint64> &wanted)
+        : m_wanted(wanted)
     {
     }
 
@@ -54,7 +82,7 @@ public:
     {
         cst_voice *voice = voiceFor(voiceID);
         for (qsizetype i = 0; i < pieces.size(); ++i) {
-            if (*m_wanted != generation)
+            if (m_wanted != generation)
                 return;
             cst_wave *wave = voice ? flite_text_to_wave(pieces[i].toUtf8().constData(), voice) : nullptr;
             QByteArray pcm;
@@ -89,7 +117,7 @@ private:
         return loaded;
     }
 
-    std::shared_ptr<std::atomic<quint64>> m_wanted;
+    const std::atomic<quint64> &m_wanted;
     bool m_initialised = false;
     QHash<QByteArray, cst_voice *> m_loaded;
 };
@@ -97,9 +125,8 @@ private:
 FliteSpeech::FliteSpeech(QObject *parent)
     : QObject(parent)
     , m_thread(new QThread)
-    , m_wanted(std::make_shared<std::atomic<quint64>>(0))
 {
-    m_synthesizer = new FliteSynthesizer(m_wanted);
+    m_synthesizer = new FliteSynthesizer(m_generation);
     m_synthesizer->moveToThread(m_thread);
     connect(m_thread, &QThread::finished, m_synthesizer, &QObject::deleteLater);
     connect(m_synthesizer, &FliteSynthesizer::synthesized, this, &FliteSpeech::received);
@@ -125,9 +152,10 @@ QList<Voice> FliteSpeech::voices()
     return Voice::sorted(voices);
 }
 
-void FliteSpeech::speak(const QStringList &pieces, const QString &voiceID)
+void FliteSpeech::speak(const QString &text, const QString &voiceID)
 {
     stop();
+    const QStringList pieces = sentences(text);
     if (pieces.isEmpty())
         return;
     if (QMediaDevices::defaultAudioOutput().isNull()) {
@@ -135,7 +163,6 @@ void FliteSpeech::speak(const QStringList &pieces, const QString &voiceID)
         return;
     }
     const quint64 generation = ++m_generation;
-    *m_wanted = generation;
     m_synthesised = false;
     setSpeaking(true);
     QMetaObject::invokeMethod(m_synthesizer, [synthesizer = m_synthesizer, generation, pieces, voiceID] {
@@ -145,7 +172,7 @@ void FliteSpeech::speak(const QStringList &pieces, const QString &voiceID)
 
 void FliteSpeech::stop()
 {
-    *m_wanted = ++m_generation;
+    ++m_generation;
     m_feeder.stop();
     m_pending.clear();
     m_output = nullptr;

@@ -28,9 +28,9 @@ public:
     /// flite's voices, sorted.
     static QList<Voice> voices();
 
-    /// Cuts off what is being spoken, then speaks `pieces` in order with `voiceID`, or the
-    /// default voice when that is not one of `voices`.
-    void speak(const QStringList &pieces, const QString &voiceID);
+    /// Cuts off what is being spoken, then speaks `text` with `voiceID`, or the default voice
+    /// when that is not one of `voices`.
+    void speak(const QString &text, const QString &voiceID);
     void stop();
     bool isSpeaking() const { return m_speaking; }
 
@@ -46,8 +46,8 @@ private:
 
     QThread *m_thread;
     FliteSynthesizer *m_synthesizer;
-    std::shared_ptr<std::atomic<quint64>> m_wanted; ///< the generation worth synthesising
-    quint64 m_generation = 0;
+    /// Counts texts; the synthesis thread gives up on any but the current one.
+    std::atomic<quint64> m_generation = 0;
     std::unique_ptr<QAudioSink> m_sink;
     QIODevice *m_output = nullptr;
     QByteArray m_pending;

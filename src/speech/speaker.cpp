@@ -6,7 +6,6 @@
 #include <QLocale>
 #include <QPointer>
 #include <QTextDocument>
-#include <QTextBoundaryFinder>
 #include <QTextToSpeech>
 #include <QThread>
 
@@ -52,23 +51,18 @@ public Q_SLOTS:
         Q_EMIT voicesListed(Voice::sorted(voices));
     }
 
-    void speak(const QStringList &pieces, const QString &voiceID)
+    void speak(const QString &text, const QString &voiceID)
     {
         QTextToSpeech &speech = synthesiser();
         useVoice(voiceID);
-        m_queue = pieces;
-        // What is being said stops first; the new text follows once the engine is ready.
-        if (speech.state() == QTextToSpeech::Speaking || speech.state() == QTextToSpeech::Paused)
-            speech.stop(QTextToSpeech::BoundaryHint::Immediate);
-        else
-            sayNext();
+        speech.stop(QTextToSpeech::BoundaryHint::Immediate);
+        speech.say(text);
         // The engine took the text: from here on it reports through its state.
         Q_EMIT answered();
     }
 
     void stop()
     {
-        m_queue.clear();
         if (m_speech)
             m_speech->stop(QTextToSpeech::BoundaryHint::Immediate);
     }
@@ -85,16 +79,7 @@ private:
         if (!m_speech) {
             m_speech = new QTextToSpeech(m_engine, this);
             connect(m_speech, &QTextToSpeech::stateChanged, this, [this](QTextToSpeech::State state) {
-                if (state == QTextToSpeech::Error) {
-                    m_queue.clear();
-                    Q_EMIT stateChanged(false, true);
-                    return;
-                }
-                if (state == QTextToSpeech::Ready && !m_queue.isEmpty())
-                    sayNext();
-                // Between two pieces of one reply the engine is ready for a moment; the reply
-                // is still being spoken.
-                Q_EMIT stateChanged(state == QTextToSpeech::Speaking || !m_queue.isEmpty(), false);
+                Q_EMIT stateChanged(state == QTextToSpeech::Speaking, state == QTextToSpeech::Error);
             });
         }
         return *m_speech;
@@ -102,32 +87,30 @@ private:
 
     void useVoice(const QString &voiceID)
     {
-        if (voiceID.isEmpty() || voiceID == m_voiceID)
+        if (voiceID == m_voiceID)
             return;
+        QTextToSpeech &speech = synthesiser();
+        m_voiceID = voiceID;
+        if (voiceID.isEmpty()) {
+            // The system's default voice is the default of the system's language.
+            speech.setLocale(QLocale::system());
+            return;
+        }
         if (m_voices.isEmpty())
             listVoices();
         const auto found = std::ranges::find(m_voices, voiceID, &Voice::id);
         if (found == m_voices.end())
             return;
-        QTextToSpeech &speech = synthesiser();
         speech.setLocale(QLocale(found->language));
         for (const QVoice &voice : speech.availableVoices())
             if (voice.name() == found->name)
                 speech.setVoice(voice);
-        m_voiceID = voiceID;
-    }
-
-    void sayNext()
-    {
-        if (!m_queue.isEmpty())
-            m_speech->say(m_queue.takeFirst());
     }
 
     QString m_engine;
     QTextToSpeech *m_speech = nullptr;
     QList<Voice> m_voices;
     QString m_voiceID;
-    QStringList m_queue; ///< what is still to be said of the current text
 };
 
 namespace {
@@ -145,6 +128,7 @@ bool usesSpeechDispatcher(const QString &engine)
 
 Speaker::Speaker(const QString &engine, QObject *parent)
     : QObject(parent)
+    , m_engine(engine)
 {
     qRegisterMetaType<QList<Voice>>();
     m_answer.setSingleShot(true);
@@ -153,7 +137,25 @@ Speaker::Speaker(const QString &engine, QObject *parent)
         setSpeaking(false);
         fail();
     });
-    if (!usesSpeechDispatcher(engine)) {
+}
+
+Speaker::~Speaker()
+{
+    if (!m_thread)
+        return;
+    QMetaObject::invokeMethod(m_worker, &SpeakerWorker::stop);
+    m_thread->quit();
+    // A synthesiser stuck on its sound output is left to the end of the process rather than
+    // holding up the window's closing.
+    if (m_thread->wait(2000))
+        delete m_thread;
+}
+
+void Speaker::start()
+{
+    if (m_flite || m_worker)
+        return;
+    if (!usesSpeechDispatcher(m_engine)) {
         m_flite = std::make_unique<FliteSpeech>();
         m_voices = FliteSpeech::voices();
         connect(m_flite.get(), &FliteSpeech::speakingChanged, this, [this] { setSpeaking(m_flite->isSpeaking()); });
@@ -178,20 +180,9 @@ Speaker::Speaker(const QString &engine, QObject *parent)
     m_thread->start();
 }
 
-Speaker::~Speaker()
-{
-    if (!m_thread)
-        return;
-    QMetaObject::invokeMethod(m_worker, &SpeakerWorker::stop);
-    m_thread->quit();
-    // A synthesiser stuck on its sound output is left to the end of the process rather than
-    // holding up the window's closing.
-    if (m_thread->wait(2000))
-        delete m_thread;
-}
-
 QCoro::Task<QList<Voice>> Speaker::voices()
 {
+    start();
     if (m_voices)
         co_return *m_voices;
     const QPointer<Speaker> self(this);
@@ -210,24 +201,24 @@ QCoro::Task<QList<Voice>> Speaker::voices()
 
 void Speaker::speak(const QString &text, const QString &voiceID)
 {
-    const QStringList said = pieces(plainText(text));
-    if (said.isEmpty())
+    const QString plain = plainText(text).trimmed();
+    if (plain.isEmpty())
         return;
+    start();
     if (m_flite) {
-        m_flite->speak(said, voiceID);
+        m_flite->speak(plain, voiceID);
         return;
     }
-    QMetaObject::invokeMethod(m_worker, [worker = m_worker, said, voiceID] { worker->speak(said, voiceID); });
+    QMetaObject::invokeMethod(m_worker, [worker = m_worker, plain, voiceID] { worker->speak(plain, voiceID); });
     m_answer.start();
 }
 
 void Speaker::stop()
 {
-    if (m_flite) {
+    if (m_flite)
         m_flite->stop();
-        return;
-    }
-    QMetaObject::invokeMethod(m_worker, &SpeakerWorker::stop);
+    else if (m_worker)
+        QMetaObject::invokeMethod(m_worker, &SpeakerWorker::stop);
     m_answer.stop();
     setSpeaking(false);
 }
@@ -250,33 +241,6 @@ QString Speaker::plainText(const QString &markdown)
     QTextDocument document;
     document.setMarkdown(markdown);
     return document.toPlainText();
-}
-
-QStringList Speaker::pieces(const QString &text)
-{
-    // An engine handed a whole reply at once synthesises faster than it plays and can
-    // overrun its sound output; sentences also let speech start sooner.
-    constexpr qsizetype longest = 300;
-    QStringList pieces;
-    QTextBoundaryFinder sentences(QTextBoundaryFinder::Sentence, text);
-    qsizetype from = 0;
-    while (from < text.size()) {
-        qsizetype to = sentences.toNextBoundary();
-        if (to < 0)
-            to = text.size();
-        QString sentence = text.sliced(from, to - from).simplified();
-        from = to;
-        while (sentence.size() > longest) {
-            qsizetype cut = sentence.lastIndexOf(QLatin1Char(' '), longest);
-            if (cut <= 0)
-                cut = longest;
-            pieces.append(sentence.first(cut));
-            sentence = sentence.sliced(cut).trimmed();
-        }
-        if (!sentence.isEmpty())
-            pieces.append(sentence);
-    }
-    return pieces;
 }
 
 #include "speaker.moc"

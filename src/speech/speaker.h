@@ -24,6 +24,7 @@ class Speaker : public QObject
 
 public:
     /// `engine` is "speechd" or "flite"; empty picks speech-dispatcher when installed.
+    /// Nothing is loaded until the first voice list or speech.
     explicit Speaker(const QString &engine = {}, QObject *parent = nullptr);
     ~Speaker() override;
 
@@ -39,8 +40,6 @@ public:
 
     /// What Markdown reads as: the text without its marks.
     static QString plainText(const QString &markdown);
-    /// `text` in sentences, long ones cut at spaces, to be said one after the other.
-    static QStringList pieces(const QString &text);
 
     /// How long speech-dispatcher may take to answer before it is given up on.
     static constexpr int answerTimeoutMs = 8000;
@@ -53,9 +52,12 @@ Q_SIGNALS:
     void voicesListed(const QList<Voice> &voices);
 
 private:
+    /// Starts the engine chosen by `m_engine` once.
+    void start();
     void setSpeaking(bool speaking);
     void fail();
 
+    QString m_engine;
     std::unique_ptr<FliteSpeech> m_flite;
     QThread *m_thread = nullptr;
     SpeakerWorker *m_worker = nullptr;

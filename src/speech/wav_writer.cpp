@@ -52,7 +52,7 @@ bool WavWriter::open(const QString &path)
     if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
     m_file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    return append(QByteArray()) && m_file.write(header(0)) == headerBytes;
+    return m_file.write(header(0)) == headerBytes;
 }
 
 bool WavWriter::append(const QByteArray &samples)

@@ -1,14 +1,12 @@
 // Describing an image needs a server started with a vision projector, and none can be
-// generated here, so the stand-in llama-server plays that server: the engine must start it
-// with the projector, report vision, and send the picture in the request.
+// generated here, so the stand-in llama-server plays that server: the engine refuses without
+// vision and starts another server with the projector. What the request carries is checked
+// on the whole reply path (tst_app_replies_fake_runtime).
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
 
 #include "support/await_task.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -38,14 +36,10 @@ private Q_SLOTS:
         }
         QVERIFY(sent.isEmpty());
 
-        // The same model with its projector is another server.
+        // The same model with its projector is another server, which answers trimmed.
         awaitTask(engine.load(QStringLiteral("/models/chat.gguf"), QStringLiteral("/models/vision.gguf"), 4096));
         QVERIFY(engine.hasVision());
-        const QByteArray jpeg("\xff\xd8\xff\xe0 not really a picture", 25);
-        QCOMPARE(awaitTask(engine.describeImage(jpeg)), QStringLiteral("A small red boat on a lake."));
-        QCOMPARE(sent.size(), 1);
-        QVERIFY(!QJsonDocument::fromJson(sent.first()).object().value("stream").toBool());
-        QVERIFY(sent.first().contains("data:image/jpeg;base64," + jpeg.toBase64()));
+        QCOMPARE(awaitTask(engine.describeImage("jpeg")), QStringLiteral("A small red boat on a lake."));
     }
 };
 

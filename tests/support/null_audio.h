@@ -5,6 +5,9 @@
 // "speakers", the default output. It must start before anything asks Qt for audio devices: the process is
 // pointed at it through PULSE_SERVER, and never starts a server of its own.
 
+#include "speech/pcm_converter.h"
+#include "speech/wav_writer.h"
+
 #include <QDataStream>
 #include <QDir>
 #include <QFile>
@@ -101,18 +104,11 @@ private:
 /// `seconds` of a tone at `hertz` as a 16 kHz mono 16-bit WAV file.
 inline QByteArray toneWav(double seconds, double hertz = 440)
 {
-    constexpr quint32 rate = 16000;
-    const auto samples = quint32(seconds * rate);
-    QByteArray wav;
-    QDataStream out(&wav, QIODevice::WriteOnly);
+    const auto samples = quint32(seconds * PcmConverter::outputRate);
+    QByteArray wav = WavWriter::header(2 * samples);
+    QDataStream out(&wav, QIODevice::Append);
     out.setByteOrder(QDataStream::LittleEndian);
-    out.writeRawData("RIFF", 4);
-    out << quint32(36 + 2 * samples);
-    out.writeRawData("WAVEfmt ", 8);
-    out << quint32(16) << quint16(1) << quint16(1) << rate << quint32(2 * rate) << quint16(2) << quint16(16);
-    out.writeRawData("data", 4);
-    out << quint32(2 * samples);
     for (quint32 i = 0; i < samples; ++i)
-        out << qint16(12000 * std::sin(2 * M_PI * hertz * i / rate));
+        out << qint16(12000 * std::sin(2 * M_PI * hertz * i / PcmConverter::outputRate));
     return wav;
 }

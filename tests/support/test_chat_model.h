@@ -47,18 +47,12 @@ inline ModelSpec linkTestWhisperModel(const QString &dataDirectory)
 /// the file.
 inline ModelSpec writeTestProjector(const QString &dataDirectory)
 {
-    const QByteArray content("a projector only the stand-in server accepts");
-    ModelSpec spec;
-    spec.id = QStringLiteral("test-chat-vision");
-    spec.name = QStringLiteral("Test image support");
-    spec.fileName = QStringLiteral("vision.gguf");
-    spec.url = QStringLiteral("test/resolve/0/vision.gguf");
-    spec.byteCount = content.size();
-    spec.sha256 = QString(64, QLatin1Char('0'));
-    spec.role = ModelSpec::Role::Vision;
-    QDir().mkpath(dataDirectory + QStringLiteral("/Models"));
-    QFile file(dataDirectory + QStringLiteral("/Models/vision.gguf"));
+    // Beside the data folder, as a downloaded file would be before it is installed.
+    const QString projector = dataDirectory + QStringLiteral("-projector.gguf");
+    QFile file(projector);
     if (file.open(QIODevice::WriteOnly))
-        file.write(content);
-    return spec;
+        file.write("a projector only the stand-in server accepts");
+    file.close();
+    return linkTestModel(dataDirectory, projector, QStringLiteral("test-chat-vision"), QStringLiteral("vision.gguf"),
+                         ModelSpec::Role::Vision);
 }
