@@ -188,7 +188,8 @@ private Q_SLOTS:
         engine.startRecording();
         QVERIFY(engine.isRecording());
         QCOMPARE(temporaryFiles().filter(QStringLiteral(".wav")).size(), 1);
-        QTest::qWait(300);
+        // Enough sound for whisper-cli, however slowly the sound server starts.
+        QTRY_VERIFY_WITH_TIMEOUT(engine.recorder().recordedMs() >= 1000, 20000);
         try {
             const QString text = awaitTask(engine.stopAndTranscribe(model));
             QCOMPARE(failure, -1);
