@@ -73,8 +73,9 @@ QCoro::Task<QJsonObject> InferenceEngine::postJSON(QString path, QJsonObject bod
     co_return document.object();
 }
 
-QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double temperature,
-                                      std::function<void(const QString &)> onToken, CancellationToken cancel)
+QCoro::Task<ReplySpeed> InferenceEngine::stream(QJsonArray messages, int maxTokens, double temperature,
+                                                std::function<void(const QString &)> onToken,
+                                                CancellationToken cancel)
 {
     const QJsonObject body{
         {QStringLiteral("model"), QStringLiteral("local")},
@@ -88,6 +89,19 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
     const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
     Q_EMIT requestSent(path, payload);
     PendingReply reply(m_network.post(request(path), payload));
+    QElapsedTimer sent;
+    sent.start();
+    ReplySpeed speed;
+    const auto take = [&](const ExchangeFormat::StreamEvent &event) {
+        if (const auto *text = std::get_if<QString>(&event)) {
+            if (speed.firstTokenMs < 0 && !text->isEmpty())
+                speed.firstTokenMs = sent.elapsed();
+            onToken(*text);
+        } else if (const auto *timings = std::get_if<ExchangeFormat::StreamTimings>(&event)) {
+            speed.tokens = timings->predictedTokens;
+            speed.tokensPerSecond = timings->tokensPerSecond;
+        }
+    };
     QNetworkReply *raw = reply.get();
     // Stop means now: the transfer is dropped, which also wakes the wait below.
     cancel.onCancel(raw, [raw] { raw->abort(); });
@@ -111,10 +125,9 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
                 const auto event = ExchangeFormat::parseStreamLine(withoutLineBreak(pending.sliced(start, end - start)));
                 if (std::holds_alternative<ExchangeFormat::Done>(event)) {
                     Q_EMIT streamFinished();
-                    co_return;
+                    co_return speed;
                 }
-                if (const auto *text = std::get_if<QString>(&event))
-                    onToken(*text);
+                take(event);
             }
             pending.remove(0, start);
             start = 0;
@@ -123,13 +136,11 @@ QCoro::Task<> InferenceEngine::stream(QJsonArray messages, int maxTokens, double
             // A last line without a line break still counts.
             if (statusChecked && !pending.isEmpty()) {
                 cancel.throwIfCancelled();
-                const auto event = ExchangeFormat::parseStreamLine(withoutLineBreak(pending));
-                if (const auto *text = std::get_if<QString>(&event))
-                    onToken(*text);
+                take(ExchangeFormat::parseStreamLine(withoutLineBreak(pending)));
             }
             if (statusChecked && raw->error() != QNetworkReply::NoError)
                 throw SystemError(raw->errorString());
-            co_return;
+            co_return speed;
         }
         co_await qCoro(raw).waitForReadyRead(std::chrono::milliseconds(-1));
         reply.throwIfGone();

@@ -44,13 +44,18 @@ StreamEvent parseStreamLine(QByteArrayView line)
     if (!document.isObject())
         return Skip{};
     const QJsonValue choices = document.object().value(QLatin1String("choices"));
-    if (!choices.isArray() || choices.toArray().isEmpty())
+    if (choices.isArray() && !choices.toArray().isEmpty()) {
+        const QJsonValue delta = choices.toArray().first().toObject().value(QLatin1String("delta"));
+        const QJsonValue content = delta.toObject().value(QLatin1String("content"));
+        if (delta.isObject() && content.isString())
+            return content.toString();
+    }
+    const QJsonObject timings = document.object().value(QLatin1String("timings")).toObject();
+    const QJsonValue tokens = timings.value(QLatin1String("predicted_n"));
+    const QJsonValue rate = timings.value(QLatin1String("predicted_per_second"));
+    if (!tokens.isDouble() || !rate.isDouble() || tokens.toDouble() < 0 || !(rate.toDouble() >= 0))
         return Skip{};
-    const QJsonValue delta = choices.toArray().first().toObject().value(QLatin1String("delta"));
-    const QJsonValue content = delta.toObject().value(QLatin1String("content"));
-    if (!delta.isObject() || !content.isString())
-        return Skip{};
-    return content.toString();
+    return StreamTimings{tokens.toInteger(), rate.toDouble()};
 }
 
 QJsonObject message(const QString &role, const QString &content)

@@ -19,13 +19,26 @@ struct LatestImage
     qint64 tokens = 0;
 };
 
-/// One line of a streamed completion: nothing to do, the end of the stream, or a piece of text.
+/// What the server measured of the tokens it generated, from the "timings" of a streamed
+/// event (llama-server sends them with the last one).
+struct StreamTimings
+{
+    qint64 predictedTokens = 0;
+    double tokensPerSecond = 0;
+
+    bool operator==(const StreamTimings &) const = default;
+};
+
+/// One line of a streamed completion: nothing to do, the end of the stream, a piece of text,
+/// or the server's timings.
 struct Skip {};
 struct Done {};
-using StreamEvent = std::variant<Skip, Done, QString>;
+using StreamEvent = std::variant<Skip, Done, QString, StreamTimings>;
 
 /// Reads one line of the event stream (its line break already removed). Only lines that begin
-/// with exactly "data: " count; "[DONE]" ends the stream; anything malformed is skipped.
+/// with exactly "data: " count; "[DONE]" ends the stream; anything malformed is skipped. A
+/// line with both text and timings answers its text: the text must not be lost, and a server
+/// that times every token sends timings again.
 StreamEvent parseStreamLine(QByteArrayView line);
 
 /// A plain message object.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "inference/exchange_format.h"
+#include "inference/reply_speed.h"
 #include "platform/cancellation.h"
 
 #include <QJsonArray>
@@ -60,9 +61,10 @@ public:
 
     // ---- the exchanges (completion_exchange.cpp, message_fitting.cpp)
 
-    /// Streams a reply, handing each piece of text to `onToken` as it arrives. Ends normally at
-    /// the end of the stream; `cancel` ends it at once with CancelledError.
-    QCoro::Task<> stream(QJsonArray messages, int maxTokens, double temperature,
+    /// Streams a reply, handing each piece of text to `onToken` as it arrives, and answers how
+    /// fast it came. Ends normally at the end of the stream; `cancel` ends it at once with
+    /// CancelledError.
+    QCoro::Task<ReplySpeed> stream(QJsonArray messages, int maxTokens, double temperature,
                          std::function<void(const QString &)> onToken, CancellationToken cancel = {});
     /// The exact number of prompt tokens the server builds for these plain messages.
     QCoro::Task<qint64> tokenCount(QJsonArray messages);

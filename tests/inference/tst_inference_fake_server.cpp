@@ -80,11 +80,13 @@ private:
     std::unique_ptr<InferenceEngine> m_engine;
     std::unique_ptr<ScriptedHttpServer> m_server;
 
+    ReplySpeed m_speed;
+
     QStringList streamed()
     {
         QStringList tokens;
         const QJsonArray messages{message("user", "hi")};
-        awaitTask(m_engine->stream(messages, 16, 0.7, [&](const QString &t) { tokens << t; }));
+        m_speed = awaitTask(m_engine->stream(messages, 16, 0.7, [&](const QString &t) { tokens << t; }));
         return tokens;
     }
 
@@ -107,6 +109,8 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("pieces");
         QTest::addColumn<int>("pauseMs");
         QTest::addColumn<QStringList>("expected");
+        QTest::addColumn<qint64>("tokens"); // as the server timed them; 0: no timings
+        QTest::addColumn<double>("rate");
         QTest::newRow("what is not a piece is skipped")
             << QList<QByteArray>{": comment\n\n", "event: message\n",
                                  "data:{\"choices\":[{\"delta\":{\"content\":\"no space\"}}]}\n",
@@ -114,13 +118,26 @@ private Q_SLOTS:
                                  "data: {\"choices\":[{\"delta\":{\"role\":\"assistant\"}}]}\n",
                                  "data: {\"choices\":[{\"delta\":{\"content\":null}}]}\n", "data: [DONE] \n",
                                  piece(" Hel"), piece("lo\\n"), piece("\\u00e9\u2014"), "data: [DONE]\n\n", piece("after done")}
-            << 0 << QStringList{" Hel", "lo\n", QStringLiteral("é—")};
+            << 0 << QStringList{" Hel", "lo\n", QStringLiteral("é—")} << qint64(0) << 0.0;
         // Pieces arrive with pauses and break lines anywhere, even inside "data: ".
         QTest::newRow("lines split across pieces")
             << QList<QByteArray>{"da", "ta: {\"choices\":[{\"delta\":{\"con", "tent\":\"one\"}}]}\n", "\nda",
                                  "ta: {\"choices\":[{\"delta\":{\"content\":\"two\"}}]}\n\ndata: [DONE]\n"}
-            << 20 << QStringList{"one", "two"};
-        QTest::newRow("ending without [DONE]") << QList<QByteArray>{piece("a"), piece("b")} << 0 << QStringList{"a", "b"};
+            << 20 << QStringList{"one", "two"} << qint64(0) << 0.0;
+        QTest::newRow("ending without [DONE]")
+            << QList<QByteArray>{piece("a"), piece("b")} << 0 << QStringList{"a", "b"} << qint64(0) << 0.0;
+        // llama-server times the reply in its last event; text on the same line still counts.
+        QTest::newRow("timings with the last event")
+            << QList<QByteArray>{piece("a"),
+                                 "data: {\"choices\":[{\"delta\":{\"content\":\"b\"}}],\"timings\":{\"predicted_n\":1}}\n",
+                                 "data: {\"choices\":[{\"finish_reason\":\"stop\",\"delta\":{}}],\"timings\":"
+                                 "{\"prompt_n\":5,\"prompt_ms\":12.5,\"predicted_n\":7,\"predicted_per_second\":70.25}}\n",
+                                 "data: [DONE]\n"}
+            << 0 << QStringList{"a", "b"} << qint64(7) << 70.25;
+        QTest::newRow("timings that are not numbers")
+            << QList<QByteArray>{piece("a"), "data: {\"timings\":{\"predicted_n\":\"7\",\"predicted_per_second\":1}}\n",
+                                 "data: {\"timings\":{\"predicted_n\":3,\"predicted_per_second\":-1}}\n"}
+            << 0 << QStringList{"a"} << qint64(0) << 0.0;
     }
 
     void streamedPieces()
@@ -128,9 +145,14 @@ private Q_SLOTS:
         QFETCH(QList<QByteArray>, pieces);
         QFETCH(int, pauseMs);
         QFETCH(QStringList, expected);
+        QFETCH(qint64, tokens);
+        QFETCH(double, rate);
         m_server->pieces = pieces;
         m_server->pauseMs = pauseMs;
         QCOMPARE(streamed(), expected);
+        QCOMPARE(m_speed.tokens, tokens);
+        QCOMPARE(m_speed.tokensPerSecond, rate);
+        QVERIFY(m_speed.firstTokenMs >= 0);
         const QByteArray request = m_server->requests.first();
         QVERIFY(request.startsWith("POST /v1/chat/completions "));
         QVERIFY(request.contains("\r\nAuthorization: Bearer " + m_engine->key().toLatin1() + "\r\n"));
