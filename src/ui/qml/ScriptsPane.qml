@@ -66,6 +66,7 @@ Rectangle {
         function onSelectionChanged() {
             saveTimer.stop()
             editor.text = AppModel.scripts.source
+            editor.loadedPath = AppModel.scripts.selectedPath
             nameField.text = AppModel.scripts.selectedName
         }
     }
@@ -143,6 +144,7 @@ Rectangle {
 
                 Label {
                     objectName: "noScripts"
+                    Accessible.ignored: !visible
                     anchors.fill: parent
                     visible: scripts.count === 0
                     text: "Create one with New Script, import a .corvane file, or drag one onto this window."
@@ -201,6 +203,7 @@ Rectangle {
             }
             Label {
                 objectName: "scriptUnreadable"
+                Accessible.ignored: !visible
                 visible: AppModel.scripts.unreadable
                 text: "Could not read this script file"
                 color: Theme.error
@@ -225,12 +228,16 @@ Rectangle {
                         radius: 4
                     }
                     Accessible.name: "Script source"
+                    /// The script whose text the editor holds: only what was typed over a
+                    /// loaded script is saved, never the empty editor of a pane just opened.
+                    property string loadedPath: ""
                     onTextChanged: {
-                        if (text !== AppModel.scripts.source)
+                        if (loadedPath !== "" && loadedPath === AppModel.scripts.selectedPath
+                                && text !== AppModel.scripts.source)
                             saveTimer.restart()
                     }
                     Keys.onEscapePressed: pane.closed()
-                    Component.onCompleted: JavaScriptHighlighter.attach(textDocument)
+                    Component.onCompleted: CodeHighlighter.attach(textDocument, "javascript")
                 }
             }
             FormNote {
@@ -262,6 +269,7 @@ Rectangle {
                 }
                 Button {
                     objectName: "scriptForFolderButton"
+                    Accessible.ignored: !visible
                     visible: pane.selectedFolder.name !== undefined
                     text: "Use for “" + (pane.selectedFolder.name ?? "") + "”"
                     Accessible.name: "Use this script for the folder " + (pane.selectedFolder.name ?? "")
@@ -302,6 +310,7 @@ Rectangle {
             Layout.fillWidth: true
             Layout.fillHeight: true
             visible: !pane.hasScript
+            Accessible.ignored: !visible
             text: scripts.count > 0 ? "Select a script to see and edit it." : ""
             horizontalAlignment: Text.AlignHCenter
             verticalAlignment: Text.AlignVCenter
