@@ -7,6 +7,7 @@
 #include "app/compactor.h"
 #include "app/settings_rules.h"
 #include "app/status_banner.h"
+#include "inference/reply_speed.h"
 #include "storage/database.h"
 
 #include <QJsonDocument>
@@ -37,7 +38,7 @@ ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTre
     connect(&m_tree, &ChatTree::treeChanged, this, &ChatSession::currentChatChanged);
     connect(&m_tree, &ChatTree::selectionChanged, this, &ChatSession::currentChatChanged);
     connect(&m_settings, &AppSettings::changed, this, &ChatSession::currentChatChanged);
-    for (auto signal : {&ChatSession::composerChanged, &ChatSession::isGeneratingChanged})
+    for (auto signal : {&ChatSession::composerChanged, &ChatSession::isGeneratingChanged, &ChatSession::messagesChanged})
         connect(this, signal, this, &ChatSession::canSendChanged);
     connect(&m_images, &ChatImages::pendingImageChanged, this, &ChatSession::canSendChanged);
     connect(&m_tree, &ChatTree::selectionChanged, this, &ChatSession::canSendChanged);
@@ -53,6 +54,8 @@ ChatSession::~ChatSession()
 void ChatSession::openSelectedChat()
 {
     m_chatOpenedAt = QDateTime::currentDateTimeUtc();
+    // An edit belongs to the chat it began in.
+    cancelEditing();
     loadMessages();
 }
 
@@ -145,10 +148,12 @@ QVariantMap ChatSession::messageMetadata(qint64 messageID)
     const QJsonObject object = QJsonDocument::fromJson(text.toUtf8()).object();
     if (object.isEmpty())
         return {};
+    const std::optional<ReplySpeed> speed = ReplySpeed::fromJson(object.value(QStringLiteral("speed")).toObject());
     return {{QStringLiteral("model"), object.value(QStringLiteral("model")).toString()},
             {QStringLiteral("prompt"), object.value(QStringLiteral("prompt")).toString()},
             {QStringLiteral("temperature"), object.value(QStringLiteral("temperature")).toDouble()},
-            {QStringLiteral("maxTokens"), object.value(QStringLiteral("max_tokens")).toInteger()}};
+            {QStringLiteral("maxTokens"), object.value(QStringLiteral("max_tokens")).toInteger()},
+            {QStringLiteral("speed"), speed ? speed->text() : QString()}};
 }
 
 CartridgeContext ChatSession::cartridgeContext(const Chat &chat, const QList<Message> &history) const

@@ -42,6 +42,10 @@ class ChatSession : public QObject
     Q_PROPERTY(QString agentName READ agentName NOTIFY currentChatChanged)
     Q_PROPERTY(QString summary READ summary NOTIFY currentChatChanged)
     Q_PROPERTY(bool isSealed READ isSealed NOTIFY currentChatChanged)
+    Q_PROPERTY(qint64 editableMessageID READ editableMessageID NOTIFY messagesChanged)
+    Q_PROPERTY(qint64 regenerableMessageID READ regenerableMessageID NOTIFY messagesChanged)
+    Q_PROPERTY(bool canRegenerate READ canRegenerate NOTIFY canSendChanged)
+    Q_PROPERTY(qint64 editingMessageID READ editingMessageID NOTIFY editingChanged)
 
 public:
     /// `storageBusy` answers whether another connection is writing, so that nothing is sent.
@@ -78,10 +82,36 @@ public:
     const QString &liveReply() const { return m_liveReply; }
     const QString &liveDisplay() const { return m_liveDisplay; }
 
-    /// Stores the composer's message in the selected chat and starts the reply to it.
+    /// Stores the composer's message in the selected chat and starts the reply to it; while
+    /// editing, resends the edited message instead.
     Q_INVOKABLE void send();
-    /// Starts the one reply task for `chat`; `trigger` is "user", "reply" or "tick".
-    void startReply(const Chat &chat, const QString &trigger);
+    /// Starts the one reply task for `chat`; `trigger` is "user", "reply" or "tick". The
+    /// message `replacing` is left out of what the model sees and deleted when the new reply
+    /// is stored; a reply that is stopped or fails leaves it as it was.
+    void startReply(const Chat &chat, const QString &trigger, std::optional<qint64> replacing = {});
+
+    // ---- revising the end of the chat (chat_session_revise.cpp)
+
+    /// The user's last message, which can be edited and resent; -1 when there is none.
+    qint64 editableMessageID() const;
+    /// The reply that Regenerate replaces: the assistant's last message after the user's last
+    /// one; -1 when there is none (Regenerate then only answers).
+    qint64 regenerableMessageID() const;
+    /// The selected chat has a message of the user's to answer and nothing stands in the way.
+    bool canRegenerate() const;
+    /// Answers the user's last message again; the reply it had is replaced once the new one
+    /// is stored.
+    Q_INVOKABLE void regenerate();
+    /// The message being edited in the composer; -1 when none.
+    qint64 editingMessageID() const { return m_editingMessageID; }
+    /// Puts the user's last message in the composer to be edited; the draft there comes back
+    /// when editing is cancelled.
+    Q_INVOKABLE void startEditing();
+    Q_INVOKABLE void cancelEditing();
+    /// The title a new chat takes from its first message: the first line with text, spaces
+    /// collapsed, cut at a word to at most `maxTitleLength` characters.
+    static QString titleFromMessage(const QString &text);
+    static constexpr int maxTitleLength = 60;
 
     /// Replies a script may ask for in a row before the user writes again.
     static constexpr int maxAutomaticReplies = 4;
@@ -93,8 +123,9 @@ public:
     /// The user's Stop: the reply ends at "Stopped" and nothing of it is stored.
     Q_INVOKABLE void stopReply();
 
-    /// What the model saw for an assistant message: {model, prompt, temperature, maxTokens},
-    /// empty when the message has no metadata.
+    /// What the model saw for an assistant message: {model, prompt, temperature, maxTokens,
+    /// speed (the text under the reply, empty when not measured)}, empty when the message has
+    /// no metadata.
     Q_INVOKABLE QVariantMap messageMetadata(qint64 messageID);
 
     /// The context a script's hook receives for `chat` with `history`: its turn, assistant,
@@ -114,6 +145,7 @@ Q_SIGNALS:
     void messagesChanged();
     /// The selected chat, its fields or its summary changed.
     void currentChatChanged();
+    void editingChanged();
     /// A reply was stored in the chat on screen, which asks for its replies to be spoken.
     void replyToSpeak(const QString &text);
 
@@ -121,12 +153,18 @@ private:
     void openSelectedChat();
     void setGenerating(std::optional<CancellationToken> cancel);
     void setLiveReply(const QString &reply);
-    QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel);
+    QCoro::Task<> runReply(Chat chat, ModelSpec model, QString trigger, std::optional<qint64> replacing,
+                           CancellationToken cancel);
     QCoro::Task<std::optional<CartridgeResult>> generateReply(Chat chat, ModelSpec model, QString trigger,
-                                                              CancellationToken cancel);
-    /// Stores the reply, rendered by the script when it handles replies; answers that
-    /// render's result.
-    QCoro::Task<std::optional<CartridgeResult>> saveAgentMessage(QString reply, Chat chat, QString metadata);
+                                                              std::optional<qint64> replacing, CancellationToken cancel);
+    /// Stores the reply in place of `replacing`, rendered by the script when it handles
+    /// replies; answers that render's result.
+    QCoro::Task<std::optional<CartridgeResult>> saveAgentMessage(QString reply, Chat chat, QString metadata,
+                                                                 std::optional<qint64> replacing);
+    /// Stores the edited text of the message being edited and answers it again.
+    void resendEdited(const Chat &chat);
+    /// A chat still called "New chat" takes its title from its first message.
+    void titleFromFirstMessage(const Chat &chat, const QString &text);
     /// `perform` once a reply has ended, its error to the banner.
     void performAfterReply(std::optional<CartridgeResult> result, qint64 chatID, const QString &trigger);
     /// Lets a script that handles replies change what the live reply shows while it streams.
@@ -150,6 +188,9 @@ private:
     /// has no message to count from.
     QDateTime m_chatOpenedAt = QDateTime::currentDateTimeUtc();
     QString m_composer;
+    qint64 m_editingMessageID = -1;
+    /// What the composer held when editing began.
+    QString m_draftBeforeEditing;
     QString m_liveReply;
     QString m_liveDisplay;
     /// Coalesces `liveReplyChanged` while tokens stream in, so that the view repaints at its

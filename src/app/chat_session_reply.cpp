@@ -48,6 +48,10 @@ void ChatSession::send()
         m_status.showError(AppError::modelMissing());
         return;
     }
+    if (m_editingMessageID >= 0) {
+        resendEdited(*chat);
+        return;
+    }
     const QString text = Settings::trimmed(m_composer);
     const QString image = m_images.pendingImage();
     if (text.isEmpty() && image.isEmpty())
@@ -68,12 +72,14 @@ void ChatSession::send()
     m_images.takePendingImage();
     // The user wrote: a script may ask for replies again.
     m_automaticReplies.remove(chat->id);
+    if (std::ranges::none_of(m_messages, [](const Message &m) { return m.role == QLatin1String("user"); }))
+        titleFromFirstMessage(*chat, text);
     m_messages.append(message);
     Q_EMIT messagesChanged();
     startReply(*chat, QStringLiteral("user"));
 }
 
-void ChatSession::startReply(const Chat &chat, const QString &trigger)
+void ChatSession::startReply(const Chat &chat, const QString &trigger, std::optional<qint64> replacing)
 {
     const std::optional<ModelSpec> model = m_models.languageModel();
     if (!model) {
@@ -88,7 +94,7 @@ void ChatSession::startReply(const Chat &chat, const QString &trigger)
     m_liveDisplay.clear();
     setLiveReply(QString());
     m_status.show(s_loading);
-    runReply(chat, *model, trigger, *m_generationCancel);
+    runReply(chat, *model, trigger, replacing, *m_generationCancel);
 }
 
 void ChatSession::stopReply()
@@ -97,12 +103,13 @@ void ChatSession::stopReply()
         m_generationCancel->cancel();
 }
 
-QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger, CancellationToken cancel)
+QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger, std::optional<qint64> replacing,
+                                    CancellationToken cancel)
 {
     const QPointer<ChatSession> alive(this);
     std::optional<CartridgeResult> rendered;
     try {
-        rendered = co_await generateReply(chat, model, trigger, cancel);
+        rendered = co_await generateReply(chat, model, trigger, replacing, cancel);
     } catch (const std::exception &error) {
         if (!alive)
             co_return;
@@ -123,10 +130,19 @@ QCoro::Task<> ChatSession::runReply(Chat chat, ModelSpec model, QString trigger,
 }
 
 QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat, ModelSpec model, QString trigger,
+                                                                      std::optional<qint64> replacing,
                                                                       CancellationToken cancel)
 {
+    // The reply being replaced stays stored until the new one is, but the model and the
+    // script never see it.
+    const auto history = [&] {
+        QList<Message> messages = m_database.messages(chat.id);
+        if (replacing)
+            messages.removeIf([&](const Message &m) { return m.id == *replacing; });
+        return messages;
+    };
     // 1. The model, with image support when the chat holds images and it is installed.
-    QList<Message> messages = m_database.messages(chat.id);
+    QList<Message> messages = history();
     std::optional<QString> projectorPath;
     if (std::ranges::any_of(messages, [](const Message &m) { return !m.image.isEmpty(); })) {
         if (const auto projector = m_models.installedProjector(model))
@@ -153,7 +169,7 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
             cancel.throwIfCancelled();
             m_database.setMessageImageDescription(message.id, description);
         }
-        messages = m_database.messages(chat.id);
+        messages = history();
     }
 
     // 3. The chat's script, for this trigger; its state is kept at once. The turn result
@@ -201,12 +217,12 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
         }
         return image;
     };
-    const ReplyContext::History history =
+    const ReplyContext::History sent =
         ReplyContext::history(ReplyContext::unsummarized(messages, summaryThroughID), readImage);
 
     // 7. Fit, then stream.
     const QJsonArray request = co_await m_inference.fittedMessages(
-        systemPrompt, history.entries, history.latestImage, m_settings.contextTokens(), maxTokens);
+        systemPrompt, sent.entries, sent.latestImage, m_settings.contextTokens(), maxTokens);
     throwIfGone(alive);
     cancel.throwIfCancelled();
     // Whether the script renders the reply as it streams, asked once per chat and script.
@@ -214,7 +230,7 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     throwIfGone(alive);
     m_status.show(s_generating);
     QString reply;
-    co_await m_inference.stream(
+    const ReplySpeed speed = co_await m_inference.stream(
         request, int(maxTokens), temperature,
         [this, &reply, renders, &chat, &source](const QString &token) {
             reply += token;
@@ -234,12 +250,14 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
         m_status.show(s_ready);
         co_return std::nullopt;
     }
-    const QJsonObject metadata{{QStringLiteral("model"), model.id},
-                               {QStringLiteral("prompt"), systemPrompt},
-                               {QStringLiteral("temperature"), temperature},
-                               {QStringLiteral("max_tokens"), maxTokens}};
-    std::optional<CartridgeResult> rendered =
-        co_await saveAgentMessage(reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)));
+    QJsonObject metadata{{QStringLiteral("model"), model.id},
+                         {QStringLiteral("prompt"), systemPrompt},
+                         {QStringLiteral("temperature"), temperature},
+                         {QStringLiteral("max_tokens"), maxTokens}};
+    if (const QJsonObject measured = speed.toJson(); !measured.isEmpty())
+        metadata.insert(QStringLiteral("speed"), measured);
+    std::optional<CartridgeResult> rendered = co_await saveAgentMessage(
+        reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)), replacing);
     throwIfGone(alive);
     m_status.show(s_ready);
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
@@ -261,7 +279,8 @@ QCoro::Task<bool> ChatSession::handlesReplies(Chat chat, QString source)
     co_return handles;
 }
 
-QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QString reply, Chat chat, QString metadata)
+QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QString reply, Chat chat, QString metadata,
+                                                                         std::optional<qint64> replacing)
 {
     // A script that handles replies sees the reply once more and may render it.
     Message message;
@@ -272,7 +291,10 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QStrin
     const QPointer<ChatSession> alive(this);
     std::optional<CartridgeResult> rendered;
     if (!source.isEmpty() && co_await handlesReplies(chat, source)) {
-        CartridgeContext context = cartridgeContext(chat, m_database.messages(chat.id));
+        QList<Message> history = m_database.messages(chat.id);
+        if (replacing)
+            history.removeIf([&](const Message &m) { return m.id == *replacing; });
+        CartridgeContext context = cartridgeContext(chat, history);
         context.trigger = QStringLiteral("reply");
         const QString state = m_database.cartridgeState(source, chat.id);
         rendered = co_await CartridgeEngine::evaluate(source, context, CartridgeHook::Reply, state, reply);
@@ -282,7 +304,12 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::saveAgentMessage(QStrin
         if (rendered->state)
             m_database.setCartridgeState(*rendered->state, source, chat.id);
     }
-    m_database.addMessage(message, metadata);
+    // The new reply takes the old one's place in one step: never both, never neither.
+    m_database.inTransaction([&] {
+        m_database.addMessage(message, metadata);
+        if (replacing)
+            m_database.deleteMessages({*replacing});
+    });
     // Only the chat on screen is re-read and spoken; a reply that finishes elsewhere is simply
     // stored.
     if (m_tree.selectedChatID() == chat.id) {

@@ -274,6 +274,12 @@ void Database::setChatFields(const QList<std::pair<QString, QString>> &texts,
             args);
 }
 
+void Database::setMessageBody(qint64 messageID, const QString &body)
+{
+    execute(QStringLiteral("UPDATE messages SET body=? WHERE id=?"),
+            {DBValue::text(seal(body, isMessageSealed(messageID))), DBValue::integer(messageID)});
+}
+
 void Database::setMessageImageDescription(qint64 messageID, const QString &description)
 {
     execute(QStringLiteral("UPDATE messages SET image_description=? WHERE id=?"),

@@ -139,6 +139,8 @@ public:
     void setChatFields(const QList<std::pair<QString, QString>> &texts,
                        const QList<std::pair<QString, DBValue>> &extra, qint64 chatID);
     void setChatSummary(const QString &text, qint64 throughID, qint64 chatID);
+    /// A message's text after the user edited it, sealed with the message's chat.
+    void setMessageBody(qint64 messageID, const QString &body);
     /// What the vision model saw in a message's image, sealed with the message's chat.
     void setMessageImageDescription(qint64 messageID, const QString &description);
     /// The chat's summary and the id of the last message it covers (0 when none).

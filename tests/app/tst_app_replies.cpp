@@ -4,6 +4,7 @@
 #include "reply_fixture.h"
 
 #include <QJsonArray>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -75,6 +76,13 @@ private Q_SLOTS:
         QCOMPARE(metadata.value("temperature").toDouble(), 0.7);
         QCOMPARE(metadata.value("maxTokens").toLongLong(), 1024);
         QCOMPARE(f.completions.last().value(QStringLiteral("max_tokens")).toInt(), 1024);
+        // How fast it came, from the server's own timings.
+        QVERIFY2(QRegularExpression(QStringLiteral("^\\d+\\.\\d+ s to first token · \\d+\\.\\d tokens/s$"))
+                     .match(metadata.value("speed").toString())
+                     .hasMatch(),
+                 qPrintable(metadata.value("speed").toString()));
+        // A new chat is named after its first message.
+        QCOMPARE(f.tree().chat(chat)->title, QStringLiteral("Hello there"));
 
         // The status moved through the reply's steps in order.
         QStringList steps = f.statuses;
@@ -206,6 +214,74 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
         QCOMPARE(f.status(), QStringLiteral("Ready"));
         QCOMPARE(rolesOf(f.db().messages(chat)), (QStringList{"user", "user", "assistant"}));
+    }
+
+    // Regenerate and edit-and-resend replace the reply only once a new one is stored; Stop or
+    // a dead server leave the chat as it was (the edited words excepted: they are the user's).
+    void revisingTheLastTurn_data()
+    {
+        QTest::addColumn<bool>("edit");
+        QTest::addColumn<QString>("ending");
+        for (const bool edit : {false, true})
+            for (const char *ending : {"finishes", "stopped", "server killed"})
+                QTest::addRow("%s, %s", edit ? "edit" : "regenerate", ending) << edit << QString::fromLatin1(ending);
+    }
+
+    void revisingTheLastTurn()
+    {
+        QFETCH(bool, edit);
+        QFETCH(QString, ending);
+        ReplyFixture f;
+        const qint64 chat = f.newChat();
+        f.model->settings()->setMaxResponseTokens(24);
+        f.send(QStringLiteral("First question"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+        // Long enough for the second reply to be caught mid-way.
+        if (ending != QLatin1String("finishes"))
+            f.model->settings()->setMaxResponseTokens(2048);
+        const QList<Message> before = f.db().messages(chat);
+        QCOMPARE(rolesOf(before), (QStringList{"user", "assistant"}));
+        QCOMPARE(f.session().regenerableMessageID(), before[1].id);
+        QCOMPARE(f.session().editableMessageID(), before[0].id);
+
+        if (edit) {
+            f.session().setComposer(QStringLiteral("a draft"));
+            f.session().startEditing();
+            QCOMPARE(f.session().composer(), QStringLiteral("First question"));
+            f.send(QStringLiteral("Second thoughts"));
+            // The draft comes back, and the edit is stored before the reply starts.
+            QCOMPARE(f.session().composer(), QStringLiteral("a draft"));
+            QCOMPARE(f.db().messages(chat).first().body, QStringLiteral("Second thoughts"));
+            QCOMPARE(f.tree().chat(chat)->title, QStringLiteral("First question"));
+        } else {
+            f.session().regenerate();
+        }
+        QVERIFY(f.session().isGenerating());
+        QVERIFY(!f.session().canRegenerate());
+        QTRY_VERIFY_WITH_TIMEOUT(!f.session().liveReply().isEmpty() || f.idle(), s_replyTimeoutMs);
+        // The model answers the user's message again, without the reply being replaced.
+        const QStringList sent = contentsOf(f.lastRequestMessages());
+        QCOMPARE(sent.mid(1), QStringList{edit ? "Second thoughts" : "First question"});
+        QCOMPARE(f.db().messages(chat).size(), 2);
+
+        if (ending == QLatin1String("stopped"))
+            f.session().stopReply();
+        else if (ending == QLatin1String("server killed"))
+            ::kill(static_cast<pid_t>(f.model->inference().serverProcessID()), SIGKILL);
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
+
+        const QList<Message> after = f.db().messages(chat);
+        QCOMPARE(f.session().messages(), after);
+        QCOMPARE(rolesOf(after), (QStringList{"user", "assistant"}));
+        QCOMPARE(after[0].id, before[0].id);
+        if (ending == QLatin1String("finishes")) {
+            QVERIFY2(!f.model->status()->isError(), qPrintable(f.status()));
+            QVERIFY(after[1].id > before[1].id);
+            QCOMPARE(f.session().regenerableMessageID(), after[1].id);
+        } else {
+            QCOMPARE(after[1], before[1]);
+            QCOMPARE(f.model->status()->isError(), ending == QLatin1String("server killed"));
+        }
     }
 
     void quittingMidReplyEndsCleanly_data()

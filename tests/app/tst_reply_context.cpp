@@ -1,4 +1,6 @@
-// The rules by which stored messages become a summary's transcript and what a reply still sends.
+// The rules by which stored messages become a summary's transcript, what a reply still sends,
+// and the title a chat takes from its first message.
+#include "app/chat_session.h"
 #include "app/reply_context.h"
 
 #include <QTest>
@@ -24,6 +26,28 @@ class TestReplyContext : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void titleFromFirstMessage_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("title");
+        QTest::newRow("short") << "How do magnets work?" << "How do magnets work?";
+        QTest::newRow("first line with text, spaces collapsed") << "\n  \n  Plan\tthe   trip \nDay one…" << "Plan the trip";
+        QTest::newRow("long: cut at a word")
+            << "Please summarise the following article about the history of the printing press in Europe"
+            << "Please summarise the following article about the history of…";
+        QTest::newRow("one long word: cut where it must")
+            << QString(80, QLatin1Char('x')) << QString(59, QLatin1Char('x')) + QStringLiteral("…");
+        QTest::newRow("only blanks") << " \n\t " << "";
+    }
+
+    void titleFromFirstMessage()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, title);
+        QCOMPARE(ChatSession::titleFromMessage(message), title);
+        QVERIFY(title.size() <= ChatSession::maxTitleLength);
+    }
+
     void transcript()
     {
         const QList<Message> messages{

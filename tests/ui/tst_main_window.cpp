@@ -10,6 +10,9 @@
 #include "support/test_chat_model.h"
 #include "window_test_support.h"
 
+#include <QClipboard>
+#include <QFontInfo>
+#include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQmlExtensionPlugin>
 #include <QTemporaryDir>
@@ -69,7 +72,8 @@ private Q_SLOTS:
         m_model->tree()->renameChat(m_markdownChat, QStringLiteral("Markdown answers"));
         m_question = addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
         addAssistantMessage(m_model->database(), m_markdownChat, s_markdownReply,
-                            QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024})"));
+                            QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024,)"
+                                           R"("speed":{"first_token_ms":420,"tokens":30,"tokens_per_second":31.2}})"));
         m_model->tree()->reload();
         m_model->chat()->loadMessages();
 
@@ -99,9 +103,39 @@ private Q_SLOTS:
     {
         QVERIFY(QMetaObject::invokeMethod(findItem(m_window, QStringLiteral("metadataButton")), "clicked"));
         QTRY_VERIFY(findObject(m_window, QStringLiteral("metadataPopup"))->property("opened").toBool());
+        const QString speed = QStringLiteral("0.42 s to first token · 31.2 tokens/s");
         QCOMPARE(textOf(QStringLiteral("metadataText")),
-                 QStringLiteral("Model: test-chat\nTemperature: 0.7\nMaximum tokens: 1024\n\nPrompt:\nYour name is Corvane."));
+                 QStringLiteral("Model: test-chat\nTemperature: 0.7\nMaximum tokens: 1024\nSpeed: %1\n\nPrompt:\n"
+                                "Your name is Corvane.").arg(speed));
         closePopup(QStringLiteral("metadataPopup"));
+        QCOMPARE(textOf(QStringLiteral("replySpeed")), speed);
+    }
+
+    void codeBlocksAndCopying()
+    {
+        // The fenced code has a box of its own, in a fixed-width font, with a copy button.
+        QQuickItem *code = findItem(m_window, QStringLiteral("codeText"));
+        QVERIFY(code && code->isVisible());
+        QCOMPARE(code->property("text").toString(), QStringLiteral("int main() { return 0; }"));
+        QVERIFY(QFontInfo(code->property("font").value<QFont>()).fixedPitch());
+        QVERIFY(QMetaObject::invokeMethod(findItem(m_window, QStringLiteral("copyCodeButton")), "clicked"));
+        QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("int main() { return 0; }"));
+        QCOMPARE(textOf(QStringLiteral("copyCodeButton")), QStringLiteral("Copied"));
+        // The prose around it is still Markdown.
+        QStringList prose;
+        for (QQuickItem *item : findItems(m_window, QStringLiteral("messageText")))
+            prose << item->property("text").toString().trimmed(); // as the document writes it back
+        QVERIFY(prose.contains(QStringLiteral("See [Qt](https://www.qt.io) for more.")));
+
+        // Copy takes the whole message as written.
+        QStringList copied;
+        for (QQuickItem *button : findItems(m_window, QStringLiteral("copyMessageButton"))) {
+            QVERIFY(QMetaObject::invokeMethod(button, "clicked"));
+            copied << QGuiApplication::clipboard()->text();
+        }
+        copied.sort();
+        QCOMPARE(copied, (QStringList{QStringLiteral("Can you show me some Markdown?"), s_markdownReply}));
+        savePicture(QStringLiteral("code-block.png"));
     }
 
     void privacyNote()
@@ -406,11 +440,15 @@ private Q_SLOTS:
         QCOMPARE(stored.first().body, QStringLiteral("Hello\nthere"));
         QCOMPARE(stored.last().role, QStringLiteral("assistant"));
         QVERIFY(!live->isVisible());
+        // The chat took its name from the first line, and the reply shows its speed.
+        QTRY_COMPARE(textOf(QStringLiteral("chatTitle")), QStringLiteral("Hello"));
+        QTRY_VERIFY(textOf(QStringLiteral("replySpeed")).endsWith(QStringLiteral(" tokens/s")));
+        QVERIFY(findItem(m_window, QStringLiteral("regenerateButton"))->isVisible());
         savePicture(QStringLiteral("streamed-reply.png"));
 
-        // Again, and Escape stops it mid-stream.
-        type(QStringLiteral("Tell me more"));
-        QTest::keyClick(m_window, Qt::Key_Return);
+        // Ctrl+R writes the reply again; Escape stops that, and the reply it had stays.
+        const Message reply = stored.last();
+        QTest::keyClick(m_window, Qt::Key_R, Qt::ControlModifier);
         QVERIFY(m_model->chat()->isGenerating());
         QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->liveReply().isEmpty(), 60000);
         QVERIFY(live->isVisible());
@@ -421,6 +459,27 @@ private Q_SLOTS:
         QCOMPARE(m_model->status()->text(), QStringLiteral("Stopped"));
         QCOMPARE(textOf(QStringLiteral("statusText")), QStringLiteral("Stopped"));
         QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Send"));
+        QCOMPARE(m_model->chat()->visibleMessages().last(), reply);
+
+        // Up in the empty composer edits the last message; Enter resends it.
+        QTRY_VERIFY(input->hasActiveFocus());
+        QTest::keyClick(m_window, Qt::Key_Up);
+        QTRY_VERIFY(findItem(m_window, QStringLiteral("editingBar"))->isVisible());
+        QCOMPARE(m_model->chat()->composer(), QStringLiteral("Hello\nthere"));
+        QCOMPARE(textOf(QStringLiteral("sendButton")), QStringLiteral("Resend"));
+        savePicture(QStringLiteral("editing.png"));
+        QTest::keyClick(m_window, Qt::Key_A, Qt::ControlModifier);
+        type(QStringLiteral("Hi"));
+        m_model->settings()->setMaxResponseTokens(64);
+        QTest::keyClick(m_window, Qt::Key_Return);
+        QVERIFY(m_model->chat()->isGenerating());
+        QVERIFY(!findItem(m_window, QStringLiteral("editingBar"))->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(!m_model->chat()->isGenerating(), 120000);
+        const QList<Message> revised = m_model->chat()->visibleMessages();
+        QCOMPARE(revised.size(), 2);
+        QCOMPARE(revised.first().body, QStringLiteral("Hi"));
+        QVERIFY(revised.last().id > reply.id);
+        QCOMPARE(textOf(QStringLiteral("chatTitle")), QStringLiteral("Hello"));
     }
 
     // Last: it removes everything, the link to the test model included (never its target).

@@ -95,6 +95,9 @@ private Q_SLOTS:
         QCOMPARE(hitName(0), "Zephyrine notes: Chat title");
         QCOMPARE(hitName(1), "Plans: We met a zephyrine fox at the old mill, by the river.");
         savePicture("search-pane.png");
+        // The chat behind the search is not read out.
+        QAccessible::setActive(true);
+        QCOMPARE(hiddenAccessibleItems(m_window), QStringList());
 
         // The search began in the Inbox: its scope leaves Work's chat out.
         QCOMPARE(search().scopeName(), "Inbox");

@@ -48,6 +48,22 @@ inline QQuickItem *findItem(QQuickWindow *window, const QString &objectName)
     return qobject_cast<QQuickItem *>(findObject(window, objectName));
 }
 
+/// Every visible item named `objectName`, in the order of the visual tree.
+inline QList<QQuickItem *> findItems(QQuickWindow *window, const QString &objectName)
+{
+    QList<QQuickItem *> found;
+    std::function<void(QQuickItem *)> visit = [&](QQuickItem *item) {
+        if (!item->isVisible())
+            return;
+        if (item->objectName() == objectName)
+            found.append(item);
+        for (QQuickItem *child : item->childItems())
+            visit(child);
+    };
+    visit(window->contentItem());
+    return found;
+}
+
 // QTest::keyClicks exists only for widgets.
 inline void typeInto(QWindow *window, const QString &text)
 {

@@ -52,6 +52,7 @@ Rectangle {
 
         Label {
             objectName: "chatTitle"
+            Accessible.ignored: !visible
             visible: pane.hasChat
             Layout.fillWidth: true
             Layout.margins: Theme.spacing
@@ -112,6 +113,10 @@ Rectangle {
                     onSummaryRequested: summaryPopup.open()
                     onMetadataRequested: (id) => metadataPopup.show(id)
                     onImageRequested: (image) => imagePopup.show(image)
+                    onEditRequested: {
+                        AppModel.chat.startEditing()
+                        pane.focusComposer()
+                    }
                 }
 
                 // Wrapped: a view's footer component cannot have required properties.
@@ -321,6 +326,7 @@ Rectangle {
                       : "Model: " + metadataPopup.details.model
                         + "\nTemperature: " + Number(metadataPopup.details.temperature).toFixed(1)
                         + "\nMaximum tokens: " + metadataPopup.details.maxTokens
+                        + (metadataPopup.details.speed ? "\nSpeed: " + metadataPopup.details.speed : "")
                         + "\n\nPrompt:\n" + (metadataPopup.details.prompt !== "" ? metadataPopup.details.prompt : "(none)")
                 Accessible.role: Accessible.StaticText
                 Accessible.name: text

@@ -25,6 +25,35 @@ Rectangle {
         anchors.margins: Theme.spacing
         spacing: Theme.spacing / 2
 
+        // Editing the user's last message: sending resends it, and its reply is written again.
+        RowLayout {
+            objectName: "editingBar"
+            visible: AppModel.chat.editingMessageID >= 0
+            spacing: Theme.spacing / 2
+
+            Label {
+                Layout.fillWidth: true
+                text: "Editing your last message. Its reply will be written again."
+                font.pixelSize: Theme.smallSize
+                color: Theme.secondaryText
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
+                Accessible.ignored: !parent.visible
+            }
+            Button {
+                objectName: "cancelEditingButton"
+                Accessible.ignored: !visible
+                text: "Cancel"
+                flat: true
+                font.pixelSize: Theme.smallSize
+                Accessible.name: "Cancel editing"
+                onClicked: {
+                    AppModel.chat.cancelEditing()
+                    input.forceActiveFocus()
+                }
+            }
+        }
+
         // The image waiting to go with the next message.
         RowLayout {
             visible: AppModel.images.pendingImage !== "" || AppModel.images.isImporting
@@ -65,6 +94,7 @@ Rectangle {
 
             Button {
                 objectName: "attachImageButton"
+                Accessible.ignored: !visible
                 Layout.alignment: Qt.AlignBottom
                 text: "Image…"
                 flat: true
@@ -85,12 +115,29 @@ Rectangle {
             }
 
             ScrollView {
+                id: inputScroller
+                Accessible.ignored: !visible
                 Layout.fillWidth: true
                 Layout.preferredHeight: Math.min(Math.max(input.implicitHeight, 40), 160)
+                ScrollBar.vertical: ScrollBar {
+                    parent: inputScroller
+                    x: inputScroller.width - width
+                    height: inputScroller.availableHeight
+                    active: inputScroller.ScrollBar.horizontal.active
+                    Accessible.ignored: !visible
+                }
+                ScrollBar.horizontal: ScrollBar {
+                    parent: inputScroller
+                    y: inputScroller.height - height
+                    width: inputScroller.availableWidth
+                    active: inputScroller.ScrollBar.vertical.active
+                    Accessible.ignored: !visible
+                }
 
                 TextArea {
                     id: input
                     objectName: "composerInput"
+                    Accessible.ignored: !visible
                     text: AppModel.chat.composer
                     placeholderText: "Message " + AppModel.chat.agentName
                     wrapMode: TextEdit.Wrap
@@ -122,6 +169,17 @@ Rectangle {
                     Keys.onPressed: (event) => {
                         event.accepted = event.matches(StandardKey.Paste) && AppModel.images.pasteImage()
                     }
+                    // Up in an empty composer edits the last message; Escape leaves the edit.
+                    Keys.onUpPressed: (event) => {
+                        event.accepted = text === "" && AppModel.chat.editableMessageID >= 0 && !AppModel.chat.isGenerating
+                        if (event.accepted)
+                            AppModel.chat.startEditing()
+                    }
+                    Keys.onEscapePressed: (event) => {
+                        event.accepted = AppModel.chat.editingMessageID >= 0
+                        if (event.accepted)
+                            AppModel.chat.cancelEditing()
+                    }
                     Keys.onReturnPressed: (event) => handleEnter(event)
                     Keys.onEnterPressed: (event) => handleEnter(event)
                 }
@@ -129,6 +187,7 @@ Rectangle {
 
             Button {
                 objectName: "microphoneButton"
+                Accessible.ignored: !visible
                 Layout.alignment: Qt.AlignBottom
                 readonly property bool recording: AppModel.speech.isRecording
                 text: recording ? "Stop " + Math.floor(AppModel.speech.recordedSeconds / 60) + ":"
@@ -168,11 +227,13 @@ Rectangle {
 
             Button {
                 objectName: "sendButton"
+                Accessible.ignored: !visible
                 Layout.alignment: Qt.AlignBottom
-                text: AppModel.chat.isGenerating ? "Stop" : "Send"
+                readonly property bool editing: AppModel.chat.editingMessageID >= 0
+                text: AppModel.chat.isGenerating ? "Stop" : editing ? "Resend" : "Send"
                 enabled: AppModel.chat.isGenerating || composer.canSend
                 highlighted: !AppModel.chat.isGenerating
-                Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : "Send message"
+                Accessible.name: AppModel.chat.isGenerating ? "Stop reply" : editing ? "Resend edited message" : "Send message"
                 onClicked: {
                     if (AppModel.chat.isGenerating)
                         AppModel.chat.stopReply()

@@ -151,6 +151,12 @@ ApplicationWindow {
                 onActivated: sidebar.focusTree()
             }
             Shortcut {
+                sequence: "Ctrl+R"
+                context: Qt.WindowShortcut
+                enabled: AppModel.chat.canRegenerate && main.pane === "chat"
+                onActivated: AppModel.chat.regenerate()
+            }
+            Shortcut {
                 sequence: "Ctrl+L"
                 context: Qt.WindowShortcut
                 onActivated: chatPane.focusComposer()
@@ -278,6 +284,7 @@ ApplicationWindow {
                         objectName: "chatPane"
                         anchors.fill: parent
                         visible: main.pane === "chat"
+                        Accessible.ignored: !visible
                     }
                     // The search and scripts panes exist only while shown, so that a screen
                     // reader finds nothing of them otherwise; what they show lives in

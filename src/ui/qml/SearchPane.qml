@@ -143,6 +143,7 @@ Rectangle {
                 running: AppModel.search.isSearching
                 visible: running
                 Accessible.name: "Searching"
+                Accessible.ignored: !visible
             }
         }
 
@@ -181,6 +182,7 @@ Rectangle {
 
             Label {
                 objectName: "noSearchHits"
+                Accessible.ignored: !visible
                 anchors.centerIn: parent
                 width: parent.width
                 visible: hits.count === 0 && AppModel.search.term.trim() !== "" && !AppModel.search.isSearching

@@ -16,6 +16,9 @@ QtObject {
     readonly property color folderSelection: "#e4e2dc"
     readonly property color userBubble: "#e3ebfb"
     readonly property color found: "#fdf0b8"
+    readonly property color codeBackground: "#f1efea"
+
+    readonly property string monospace: "monospace"
 
     readonly property int spacing: 12
     readonly property int largeSpacing: 24
