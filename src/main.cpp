@@ -13,12 +13,17 @@
 
 #include <memory>
 
+#include <sys/stat.h>
+
 Q_IMPORT_QML_PLUGIN(CorvanePlugin)
 
 int main(int argc, char *argv[])
 {
     QElapsedTimer sinceStart;
     sinceStart.start();
+    // Chats, pictures, recordings and the database are the user's alone: everything this
+    // process creates (SQLite's journal files included) is closed to group and others.
+    ::umask(S_IRWXG | S_IRWXO);
     QGuiApplication app(argc, argv);
     QGuiApplication::setApplicationName(QStringLiteral("Corvane"));
     QGuiApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));

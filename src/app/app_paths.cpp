@@ -1,6 +1,7 @@
 #include "app/app_paths.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
 
@@ -13,6 +14,12 @@ QString ensureDirectory(const QString &path)
         throw AppPathsError(QStringLiteral("“%1” exists but is not a folder").arg(path));
     if (!QDir().mkpath(path))
         throw AppPathsError(QStringLiteral("Could not create the folder “%1”").arg(path));
+    // Only the user may look inside, also in a folder an earlier version left open to others.
+    constexpr QFile::Permissions others = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup | QFile::ReadOther
+                                          | QFile::WriteOther | QFile::ExeOther;
+    if (QFileInfo(path).permissions().testAnyFlags(others)
+        && !QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner))
+        throw AppPathsError(QStringLiteral("Could not make the folder “%1” private").arg(path));
     return QDir::cleanPath(QFileInfo(path).absoluteFilePath());
 }
 

@@ -1,7 +1,9 @@
-// The corvane executable as a user's desktop starts it: it creates its data directory,
-// draws its window without a display, stops cleanly when the session asks it to, and
-// explains a data directory it cannot create instead of starting half-way; a script file
-// named on its command line joins the script library.
+// The corvane executable as a user's desktop starts it: it creates its data directory for the
+// user's eyes only, draws its window without a display, stops cleanly when the session asks it
+// to, and explains a data directory it cannot create instead of starting half-way; a script
+// file named on its command line joins the script library.
+#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
@@ -32,10 +34,23 @@ class TestApplicationProcess : public QObject
 private Q_SLOTS:
     void init() { QVERIFY(m_dir.isValid()); }
 
+    void screenshotOfTheFirstStart_data()
+    {
+        QTest::addColumn<bool>("openFolderExists");
+        QTest::newRow("new data folder") << false;
+        QTest::newRow("data folder left open to others") << true;
+    }
+
     void screenshotOfTheFirstStart()
     {
+        QFETCH(bool, openFolderExists);
         const QString data = m_dir.filePath(QStringLiteral("data"));
         const QString picture = m_dir.filePath(QStringLiteral("window.png"));
+        if (openFolderExists) {
+            QVERIFY(QDir().mkpath(data + QStringLiteral("/Images")));
+            for (const QString &folder : {data, data + QStringLiteral("/Images")})
+                QVERIFY(QFile::setPermissions(folder, QFile::Permissions(0x7755)));
+        }
         QProcess corvane;
         prepare(corvane, data);
         corvane.start(s_program, {QStringLiteral("--screenshot"), picture});
@@ -45,6 +60,20 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(data).isDir());
         const QImage image(picture);
         QCOMPARE(image.size(), QSize(1000, 700));
+
+        // Nothing in the data folder is open to other users.
+        constexpr QFile::Permissions others = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup
+                                              | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
+        QStringList paths{data};
+        QDirIterator it(data, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext())
+            paths << it.next();
+        QStringList open;
+        for (const QString &path : paths)
+            if (QFileInfo(path).permissions().testAnyFlags(others))
+                open << path;
+        QCOMPARE(open, QStringList());
+        QVERIFY(QFileInfo::exists(data + QStringLiteral("/chats.sqlite")));
     }
 
     void aScriptFileNamedOnTheCommandLineJoinsTheLibrary()

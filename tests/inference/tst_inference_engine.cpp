@@ -91,6 +91,20 @@ private Q_SLOTS:
         // The key travels in the environment: every user can read a command line.
         QVERIFY(!arguments.join(' ').contains(m_engine.key()));
         QVERIFY(InferenceEngine().key() != m_engine.key());
+        // Listening on the loopback address only, never on all of them or on IPv6.
+        QStringList listeners;
+        for (const char *table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+            QFile file(QString::fromLatin1(table));
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            for (const QByteArray &line : file.readAll().split('\n')) {
+                const QList<QByteArray> fields = line.simplified().split(' ');
+                // sl, local address:port (hex), remote, state (0A: listening)
+                if (fields.size() > 3 && fields[3] == "0A"
+                    && fields[1].endsWith(':' + QByteArray::number(m_engine.port(), 16).toUpper().rightJustified(4, '0')))
+                    listeners << QString::fromLatin1(fields[1]);
+            }
+        }
+        QCOMPARE(listeners, QStringList{QStringLiteral("0100007F:%1").arg(m_engine.port(), 4, 16, QLatin1Char('0')).toUpper()});
         QCOMPARE(direct("/v1/models").first, 401);
         QCOMPARE(direct("/tokenize", QJsonObject{{"content", "hello"}}).first, 401);
         // The generated model declares 256 tokens of training context; the server must keep
