@@ -19,6 +19,10 @@ public:
     /// anything else touches the connection, or the error is overwritten.
     static DatabaseError fromConnection(sqlite3 *connection);
 
+    /// The file was written by a later version of Corvane, whose layout this one could misread
+    /// or undo; it is left untouched.
+    static DatabaseError newerFile();
+
     /// The error domain shared by every SQLite failure.
     static QString domain() { return QStringLiteral("Corvane.SQLite"); }
 

@@ -113,6 +113,11 @@ const QString searchBackfillScript = QStringLiteral(
     "  SELECT id, CASE display WHEN '' THEN body ELSE display END, image_description\n"
     "  FROM messages WHERE hidden=0 AND chat_id IN (SELECT id FROM chats WHERE sealed=0);");
 
+// The layout this version writes, kept in the file's user_version. A later version raises it
+// when it changes the meaning of what is stored; this one then refuses the file rather than
+// misread it or undo the change.
+constexpr int s_layoutVersion = 1;
+
 } // namespace
 
 void Database::Closer::operator()(sqlite3 *connection) const
@@ -128,6 +133,14 @@ Database::Database(const QString &filePath)
 Database::Database(const QString &filePath, Options options)
 {
     open(filePath, options.readOnly);
+    int layout = 0;
+    {
+        Statement version(handle(), QStringLiteral("PRAGMA user_version"));
+        if (version.next())
+            layout = int(version.integer(0));
+    }
+    if (layout > s_layoutVersion)
+        throw DatabaseError::newerFile();
     if (options.readOnly)
         return;
     execute(QStringLiteral("PRAGMA foreign_keys = ON"));
@@ -138,6 +151,8 @@ Database::Database(const QString &filePath, Options options)
         execute(foreignKeyIndexScript);
     migrate();
     createSearchIndex();
+    if (layout != s_layoutVersion)
+        execute(QStringLiteral("PRAGMA user_version = %1").arg(s_layoutVersion));
     if (nodes().isEmpty())
         addNode(std::nullopt, QStringLiteral("folder"), QStringLiteral("Inbox"));
 }

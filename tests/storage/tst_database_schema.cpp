@@ -149,16 +149,39 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::newRow("missing folder") << "missing/chats.sqlite" << SQLITE_CANTOPEN << "unable to open database file";
         QTest::newRow("not a database") << "junk.sqlite" << SQLITE_NOTADB << "file is not a database";
+        QTest::newRow("cut short") << "truncated.sqlite" << SQLITE_CORRUPT << "database disk image is malformed";
+        QTest::newRow("from a newer version") << "newer.sqlite" << SQLITE_CANTOPEN
+                                              << "the chats were saved by a newer version of Corvane; "
+                                                 "install that version to open them";
     }
 
+    // What cannot be opened is left exactly as it was, for a later version or a rescue.
     void openingFailuresCarrySqliteCodes()
     {
         QFETCH(QString, name);
         QFETCH(int, code);
         QFETCH(QString, message);
-        QFile junk(m_dir.filePath("junk.sqlite"));
-        QVERIFY(junk.open(QIODevice::WriteOnly) && junk.write(QByteArray(4096, 'x')) == 4096);
-        junk.close();
+        const auto write = [this](const QString &file, const QByteArray &bytes) {
+            QFile out(m_dir.filePath(file));
+            return out.open(QIODevice::WriteOnly) && out.write(bytes) == bytes.size();
+        };
+        QVERIFY(write("junk.sqlite", QByteArray(4096, 'x')));
+        for (const QString &file : {QStringLiteral("truncated.sqlite"), QStringLiteral("newer.sqlite")}) {
+            QFile::remove(m_dir.filePath(file));
+            Database db(m_dir.filePath(file));
+            for (int i = 0; i < 200; ++i)
+                addMessage(db, db.addChat(1, QStringLiteral("Chat %1").arg(i)), QString(300, QLatin1Char('w')));
+            if (file == QLatin1String("newer.sqlite"))
+                db.execute(QStringLiteral("PRAGMA user_version = 2"));
+        }
+        QFile truncated(m_dir.filePath("truncated.sqlite"));
+        QVERIFY(truncated.resize(truncated.size() / 2));
+        const auto bytes = [this](const QString &file) {
+            QFile in(m_dir.filePath(file));
+            return in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
+        };
+        const QByteArray before = bytes(name);
+
         try {
             Database db(m_dir.filePath(name));
             QFAIL("opened");
@@ -166,6 +189,7 @@ private Q_SLOTS:
             QCOMPARE(error.code(), code);
             QCOMPARE(error.description(), message);
         }
+        QCOMPARE(bytes(name), before);
     }
 
 private:
