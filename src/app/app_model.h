@@ -10,6 +10,7 @@
 #include "app/script_library.h"
 #include "app/search.h"
 #include "app/speech.h"
+#include "app/window_state.h"
 #include "app/status_banner.h"
 #include "models/model_spec.h"
 
@@ -44,6 +45,7 @@ class AppModel : public QObject
     Q_PROPERTY(Search *search READ search CONSTANT)
     Q_PROPERTY(ScriptLibrary *scripts READ scripts CONSTANT)
     Q_PROPERTY(Speech *speech READ speech CONSTANT)
+    Q_PROPERTY(WindowState *windowState READ windowState CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -72,6 +74,7 @@ public:
     Search *search() const { return m_search.get(); }
     ScriptLibrary *scripts() const { return m_scripts.get(); }
     Speech *speech() const { return m_speech.get(); }
+    WindowState *windowState() const { return m_windowState.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
     /// The selected chat's script timer.
@@ -122,6 +125,7 @@ private:
     std::unique_ptr<Search> m_search;
     std::unique_ptr<ScriptLibrary> m_scripts;
     std::unique_ptr<Speech> m_speech;
+    std::unique_ptr<WindowState> m_windowState;
     std::unique_ptr<ScriptTimer> m_scriptTimer;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;

@@ -112,6 +112,14 @@ struct SpeechForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct WindowStateForeign
+{
+    Q_GADGET
+    QML_FOREIGN(WindowState)
+    QML_NAMED_ELEMENT(WindowState)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 namespace ReadinessForeign {
 Q_NAMESPACE
 QML_FOREIGN_NAMESPACE(Readiness)

@@ -116,6 +116,54 @@ private Q_SLOTS:
         QCOMPARE(storedNow(key), std::optional<QString>(stored));
     }
 
+    // The window comes back as it was left, on whatever screen there is; nonsense gives the
+    // default window.
+    void windowState_data()
+    {
+        QTest::addColumn<QString>("stored");
+        QTest::addColumn<QRect>("screen");
+        QTest::addColumn<QRect>("placed");
+        QTest::addColumn<bool>("maximized");
+        QTest::addColumn<int>("sidebarWidth");
+        const QString state = QStringLiteral(R"({"x":%1,"y":%2,"width":%3,"height":%4,"maximized":%5,"sidebar_width":%6})");
+        const QRect screen(0, 0, 1920, 1080);
+        QTest::newRow("as left") << state.arg(100).arg(50).arg(1200).arg(800).arg("false").arg(320) << screen
+                                 << QRect(100, 50, 1200, 800) << false << 320;
+        QTest::newRow("maximised") << state.arg(0).arg(0).arg(900).arg(700).arg("true").arg(200) << screen
+                                   << QRect(0, 0, 900, 700) << true << 200;
+        QTest::newRow("off a screen that went away") << state.arg(2500).arg(-300).arg(1200).arg(800).arg("false").arg(320)
+                                                     << screen << QRect(720, 0, 1200, 800) << false << 320;
+        QTest::newRow("onto a smaller screen") << state.arg(100).arg(50).arg(1600).arg(1000).arg("false").arg(320)
+                                               << QRect(0, 0, 1280, 720) << QRect(0, 0, 1280, 720) << false << 320;
+        QTest::newRow("too small, sidebar nonsense") << state.arg(10).arg(10).arg(200).arg(100).arg("false").arg(-5)
+                                                     << screen << QRect() << false << 0;
+        QTest::newRow("not JSON") << "{x:1" << screen << QRect() << false << 0;
+        QTest::newRow("nothing kept") << QString() << screen << QRect() << false << 0;
+    }
+
+    void windowState()
+    {
+        QFETCH(QString, stored);
+        QFETCH(QRect, screen);
+        QFETCH(QRect, placed);
+        QFETCH(bool, maximized);
+        QFETCH(int, sidebarWidth);
+        if (!stored.isNull())
+            storeBeforeStart({{QStringLiteral("window_state"), stored}});
+        {
+            AppModel model;
+            const WindowState &state = *model.windowState();
+            QCOMPARE(state.placedOn(screen), placed);
+            QCOMPARE(state.maximized(), maximized);
+            QCOMPARE(state.sidebarWidth(), sidebarWidth);
+            model.windowState()->save(QRect(30, 40, 1000, 700), false, 280);
+        }
+        // What closing kept is what the next start finds.
+        AppModel model;
+        QCOMPARE(model.windowState()->placedOn(QRect(0, 0, 1920, 1080)), QRect(30, 40, 1000, 700));
+        QCOMPARE(model.windowState()->sidebarWidth(), 280);
+    }
+
     void setTemperature_data()
     {
         QTest::addColumn<double>("value");

@@ -17,6 +17,25 @@ ApplicationWindow {
     title: "Corvane"
     color: Theme.window
 
+    /// The sidebar's width as the user left it, kept while the chats view comes and goes.
+    property int sidebarWidth: AppModel.windowState.sidebarWidth > 0 ? AppModel.windowState.sidebarWidth
+                                                                     : Theme.sidebarWidth
+
+    // Back where the user left it, on whatever screen there is now.
+    Component.onCompleted: {
+        const placed = AppModel.windowState.placedOn(Qt.rect(0, 0, Screen.desktopAvailableWidth,
+                                                             Screen.desktopAvailableHeight))
+        if (placed.width > 0) {
+            x = placed.x
+            y = placed.y
+            width = placed.width
+            height = placed.height
+        }
+        if (AppModel.windowState.maximized)
+            showMaximized()
+    }
+    onClosing: AppModel.windowState.save(Qt.rect(x, y, width, height), visibility === Window.Maximized, sidebarWidth)
+
     // Script files dropped anywhere that takes nothing else go to the script library. Below
     // the window's content, so that the chat's own drop area comes first.
     DropArea {
@@ -267,8 +286,9 @@ ApplicationWindow {
                 Sidebar {
                     id: sidebar
                     objectName: "sidebar"
-                    SplitView.preferredWidth: Theme.sidebarWidth
+                    SplitView.preferredWidth: window.sidebarWidth
                     SplitView.minimumWidth: 180
+                    onWidthChanged: if (width > 0) window.sidebarWidth = width
                     onChatOpened: {
                         main.pane = "chat"
                         chatPane.focusComposer()
