@@ -4,7 +4,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test screenshot bench clean
+.PHONY: all deps configure build run test screenshot bench fuzz-long clean
 
 all: build
 
@@ -36,3 +36,8 @@ bench: build
 	@for b in $(BUILD)/bench/*; do \
 	  if [ -f "$$b" ] && [ -x "$$b" ]; then echo "== $$b"; "$$b" || exit 1; fi; \
 	done
+
+# Every fuzzer for far more inputs than the tests give it, one after the other (about twenty
+# minutes on two cores); see docs/performance.md.
+fuzz-long: configure
+	cmake --build $(BUILD) --target fuzz-long
