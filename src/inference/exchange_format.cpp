@@ -18,11 +18,16 @@ const QString s_describeInstruction = QStringLiteral(
     "Describe this image in two or three plain sentences for a chat transcript. Name the main "
     "subjects, the setting, and quote any readable text exactly.");
 
-QString trimmedSpacesAndTabs(const QString &text)
+// Line breaks go too: a paragraph left beginning or ending with one would join its neighbour's
+// separator into a new blank line, and the joined summary would split into other paragraphs,
+// repeats among them.
+QString trimmedBlanks(const QString &text)
 {
     qsizetype start = 0;
     qsizetype end = text.size();
-    const auto blank = [](QChar c) { return c == QLatin1Char(' ') || c == QLatin1Char('\t'); };
+    const auto blank = [](QChar c) {
+        return c == QLatin1Char(' ') || c == QLatin1Char('\t') || c == QLatin1Char('\n');
+    };
     while (start < end && blank(text[start]))
         ++start;
     while (end > start && blank(text[end - 1]))
@@ -128,7 +133,7 @@ QString withoutRepeatedParagraphs(const QString &text)
     QStringList kept;
     QSet<QString> seen;
     for (const QString &paragraph : text.split(QStringLiteral("\n\n"))) {
-        const QString trimmed = trimmedSpacesAndTabs(paragraph);
+        const QString trimmed = trimmedBlanks(paragraph);
         if (seen.contains(trimmed))
             continue;
         seen.insert(trimmed);

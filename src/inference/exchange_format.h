@@ -63,7 +63,7 @@ qint64 promptBudget(qint64 contextTokens, qint64 maxResponse, const std::optiona
 QJsonObject summaryRequest(const QString &previous, const QString &transcript, int maxTokens);
 
 /// A summary with paragraphs that the model repeated removed, each paragraph trimmed of
-/// spaces and tabs.
+/// spaces, tabs and line breaks.
 QString withoutRepeatedParagraphs(const QString &text);
 
 /// The body of an image description request.

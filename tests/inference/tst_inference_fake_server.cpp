@@ -182,6 +182,8 @@ private Q_SLOTS:
         QTest::newRow("summary: repeat dropped") << "summary" << 200 << summary("A\n\n B \n\n\tA \n\nC") << "A\n\nB\n\nC";
         QTest::newRow("summary: line breaks inside kept") << "summary" << 200 << summary("A\nB\n\nA\nB") << "A\nB";
         QTest::newRow("summary: empty paragraphs kept once") << "summary" << 200 << summary("A\n\n\n\n\n\nB") << "A\n\n\n\nB";
+        QTest::newRow("summary: repeat behind a stray line break")
+            << "summary" << 200 << summary("A\n\n\nB\n \n\nB") << "A\n\nB";
         QTest::newRow("summary: no choices") << "summary" << 200 << QByteArray("{}") << invalid;
         QTest::newRow("summary: choices empty") << "summary" << 200 << QByteArray("{\"choices\":[]}") << invalid;
         QTest::newRow("summary: no message") << "summary" << 200 << QByteArray("{\"choices\":[{}]}") << invalid;
