@@ -1,5 +1,6 @@
 #pragma once
 
+#include "scripts/cartridge_answer.h"
 #include "scripts/cartridge_context.h"
 #include "scripts/cartridge_hook.h"
 #include "scripts/cartridge_result.h"
@@ -20,8 +21,6 @@ namespace CartridgeEngine {
 inline constexpr char runnerName[] = "corvane-script-runner";
 /// Largest request sent to the runner; a longer chat history is refused before starting it.
 inline constexpr qsizetype maxRequestBytes = 2'097'152;
-/// Largest answer read from the runner.
-inline constexpr qsizetype maxAnswerBytes = 262'144;
 /// Wall time after which the runner is killed.
 inline constexpr std::chrono::milliseconds timeLimit{2000};
 
@@ -43,9 +42,5 @@ QCoro::Task<CartridgeResult> evaluateWith(QString runner, QString source, Cartri
 /// "hook", "context", "state" and, for the "reply" hook when given, "text".
 QByteArray encodeRequest(const QString &source, const CartridgeContext &context, CartridgeHook hook,
                          const QString &state, const std::optional<QString> &text);
-
-/// Reads the runner's answer bytes: the size limit, JSON, a string "error", decoding and the
-/// result checks for `hook`. Throws as `evaluate`.
-CartridgeResult readAnswer(const QByteArray &answer, CartridgeHook hook);
 
 } // namespace CartridgeEngine

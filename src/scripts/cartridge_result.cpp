@@ -79,7 +79,12 @@ std::optional<QList<CartridgeInjection>> injectionsAt(const QJsonObject &object,
         const QJsonValue text = message.value(QLatin1String("text"));
         if (!entry.isObject() || !role.isString() || !text.isString())
             wrongType(key, "a list of messages with a string \"role\" and \"text\"");
-        injections.append({role.toString(), text.toString()});
+        // A chat holds no other roles: a message of another would be sent to the model as it
+        // stands, and a chat template may refuse the whole chat for it.
+        const QString name = role.toString();
+        if (name != u"user" && name != u"assistant" && name != u"system")
+            wrongType(key, "a list of messages whose \"role\" is \"user\", \"assistant\" or \"system\"");
+        injections.append({name, text.toString()});
     }
     return injections;
 }

@@ -35,7 +35,8 @@ struct CartridgeResult
     std::optional<double> next; ///< "next": seconds until the next tick, 10 to 86400
 
     /// Reads an answer object. Unknown keys are ignored; a known key of the wrong JSON type,
-    /// or an injection without a string "role" and "text", throws CartridgeAnswerError.
+    /// an injection without a string "role" and "text", or one of another role than the
+    /// three, throws CartridgeAnswerError.
     static CartridgeResult fromJson(const QJsonObject &answer);
 
     /// Throws CartridgeError::rejected with the first failed check, in this order: a "turn"

@@ -210,6 +210,9 @@ private Q_SLOTS:
         QTest::newRow("injection without text")
             << QByteArray("printf '%s' '{\"prompt\":\"ok\",\"inject\":[{\"role\":\"user\"}]}'")
             << QStringLiteral("The script's answer could not be read: \"inject\" must be a list of messages with a string \"role\" and \"text\".");
+        QTest::newRow("injection of an unknown role")
+            << QByteArray("printf '%s' '{\"prompt\":\"ok\",\"inject\":[{\"role\":\"tool\",\"text\":\"x\"}]}'")
+            << QStringLiteral("The script's answer could not be read: \"inject\" must be a list of messages whose \"role\" is \"user\", \"assistant\" or \"system\".");
     }
 
     void runnerFaults()
