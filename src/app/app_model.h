@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/app_settings.h"
+#include "app/chat_export.h"
 #include "app/chat_images.h"
 #include "app/chat_session.h"
 #include "app/chat_tree.h"
@@ -46,6 +47,7 @@ class AppModel : public QObject
     Q_PROPERTY(ScriptLibrary *scripts READ scripts CONSTANT)
     Q_PROPERTY(Speech *speech READ speech CONSTANT)
     Q_PROPERTY(WindowState *windowState READ windowState CONSTANT)
+    Q_PROPERTY(ChatExport *chatExport READ chatExport CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -75,6 +77,7 @@ public:
     ScriptLibrary *scripts() const { return m_scripts.get(); }
     Speech *speech() const { return m_speech.get(); }
     WindowState *windowState() const { return m_windowState.get(); }
+    ChatExport *chatExport() const { return m_chatExport.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
     /// The selected chat's script timer.
@@ -126,6 +129,7 @@ private:
     std::unique_ptr<ScriptLibrary> m_scripts;
     std::unique_ptr<Speech> m_speech;
     std::unique_ptr<WindowState> m_windowState;
+    std::unique_ptr<ChatExport> m_chatExport;
     std::unique_ptr<ScriptTimer> m_scriptTimer;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;

@@ -112,6 +112,14 @@ struct SpeechForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct ChatExportForeign
+{
+    Q_GADGET
+    QML_FOREIGN(ChatExport)
+    QML_NAMED_ELEMENT(ChatExport)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 struct WindowStateForeign
 {
     Q_GADGET

@@ -177,6 +177,11 @@ private Q_SLOTS:
     void openingTakesTheRightPassword()
     {
         searchSecretWord(0);
+        // Closed, the folder is not exported, and nothing is written.
+        QTemporaryDir exports;
+        QVERIFY_THROWS_EXCEPTION(ExportError, awaitTask(m_model->chatExport()->exportTo("folder", m_diary, exports.path(), "markdown")));
+        QCOMPARE(QDir(exports.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
+
         QSignalSpy rejected(&locks(), &FolderLocks::passwordRejected);
         QVERIFY(!awaitTask(locks().unlock(QStringLiteral("wrong horse"), open(m_diary))));
         QCOMPARE(rejected.size(), 1);
@@ -185,6 +190,13 @@ private Q_SLOTS:
         QVERIFY(awaitTask(locks().unlock(s_password, open(m_diary))));
         QVERIFY(locks().isUnlocked());
         QVERIFY(shown(m_secretChat));
+        // Open, it is: in plain text, which the window warns of first.
+        QVERIFY(m_model->chatExport()->writesLockedChats("folder", m_diary));
+        QVERIFY(!m_model->chatExport()->writesLockedChats("chat", m_plainChat));
+        const QString exported = awaitTask(m_model->chatExport()->exportTo("folder", m_diary, exports.path(), "markdown"));
+        QFile chatFile(exported + QStringLiteral("/New folder/About the quokkaplasma.md"));
+        QVERIFY(chatFile.open(QIODevice::ReadOnly));
+        QVERIFY(chatFile.readAll().contains(s_secretWord));
         searchSecretWord(51); // its title and its 50 messages, read in memory
         tree().selectChat(m_secretChat);
         QCOMPARE(m_model->chat()->messages().size(), 51);

@@ -1,6 +1,7 @@
 pragma ComponentBehavior: Bound
 import QtQuick
 import QtQuick.Controls
+import QtQuick.Dialogs
 import QtQuick.Layouts
 import Corvane
 
@@ -341,6 +342,19 @@ Rectangle {
         }
         MenuSeparator {}
         MenuItem {
+            objectName: "folderExportMarkdownItem"
+            text: "Export as Markdown…"
+            Accessible.name: text
+            onTriggered: sidebar.startExport("folder", "markdown")
+        }
+        MenuItem {
+            objectName: "folderExportJSONItem"
+            text: "Export as JSON…"
+            Accessible.name: text
+            onTriggered: sidebar.startExport("folder", "json")
+        }
+        MenuSeparator {}
+        MenuItem {
             text: "Delete…"
             Accessible.name: "Delete folder"
             onTriggered: sidebar.confirmDelete("folder", sidebar.menuID, sidebar.menuName)
@@ -362,6 +376,19 @@ Rectangle {
         }
         MenuSeparator {}
         MenuItem {
+            objectName: "chatExportMarkdownItem"
+            text: "Export as Markdown…"
+            Accessible.name: text
+            onTriggered: sidebar.startExport("chat", "markdown")
+        }
+        MenuItem {
+            objectName: "chatExportJSONItem"
+            text: "Export as JSON…"
+            Accessible.name: text
+            onTriggered: sidebar.startExport("chat", "json")
+        }
+        MenuSeparator {}
+        MenuItem {
             text: "Delete…"
             Accessible.name: "Delete chat"
             onTriggered: sidebar.confirmDelete("chat", sidebar.menuID, sidebar.menuName)
@@ -380,6 +407,36 @@ Rectangle {
             else
                 AppModel.tree.deleteChat(itemID)
         }
+    }
+
+    /// Exports the row the menu was opened for: warns first when locked chats would be written
+    /// unencrypted, then asks where.
+    function startExport(kind: string, format: string) {
+        exportDestination.kind = kind
+        exportDestination.itemID = sidebar.menuID
+        exportDestination.format = format
+        if (AppModel.chatExport.writesLockedChats(kind, sidebar.menuID))
+            unencryptedExportDialog.open()
+        else
+            exportDestination.open()
+    }
+
+    ConfirmDialog {
+        id: unencryptedExportDialog
+        objectName: "unencryptedExportDialog"
+        title: "Export unencrypted copies?"
+        text: "These chats are in a locked folder. The exported files are not encrypted: anyone who can open them can read the chats."
+        acceptText: "Export"
+        onAccepted: exportDestination.open()
+    }
+
+    FolderDialog {
+        id: exportDestination
+        property string kind: ""
+        property real itemID: -1
+        property string format: ""
+        title: kind === "folder" ? "Export the folder into" : "Export the chat into"
+        onAccepted: AppModel.chatExport.exportItem(kind, itemID, selectedFolder, format)
     }
 
     ConfirmDialog {
