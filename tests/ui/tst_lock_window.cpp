@@ -364,6 +364,18 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(chatRow(), s_slow);
     }
 
+    void exportingAnOpenLockedFolderWarnsFirst()
+    {
+        chooseFromMenu(m_work, "folderExportMarkdownItem");
+        QTRY_VERIFY(isOpened("unencryptedExportDialog"));
+        QCOMPARE(text("unencryptedExportDialog", "title"), QStringLiteral("Export unencrypted copies?"));
+        savePicture(QStringLiteral("export-warning.png"));
+        click("unencryptedExportDialogAccept");
+        QTRY_VERIFY(object("exportDestination")->property("visible").toBool());
+        QMetaObject::invokeMethod(object("exportDestination"), "reject");
+        QTRY_VERIFY(!object("exportDestination")->property("visible").toBool());
+    }
+
     void removingALockAsksFirst()
     {
         chooseFromMenu(m_work, "removeLockItem");
@@ -375,6 +387,12 @@ private Q_SLOTS:
         QCOMPARE(text("lockStatus"), QStringLiteral("1 locked folder"));
         QVERIFY(chatRow());
         QCOMPARE(chatRow()->property("note").toString(), QString());
+
+        // Without its lock, the folder exports without the warning.
+        chooseFromMenu(m_work, "folderExportJSONItem");
+        QTRY_VERIFY(object("exportDestination")->property("visible").toBool());
+        QVERIFY(!isOpened("unencryptedExportDialog"));
+        QMetaObject::invokeMethod(object("exportDestination"), "reject");
     }
 };
 

@@ -432,6 +432,7 @@ Rectangle {
 
     FolderDialog {
         id: exportDestination
+        objectName: "exportDestination"
         property string kind: ""
         property real itemID: -1
         property string format: ""
