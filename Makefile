@@ -4,7 +4,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build run test screenshot bench fuzz-long clean
+.PHONY: all deps configure build run test screenshot bench fuzz-long kill-long clean
 
 all: build
 
@@ -41,3 +41,9 @@ bench: build
 # minutes on two cores); see docs/performance.md.
 fuzz-long: configure
 	cmake --build $(BUILD) --target fuzz-long
+
+# The kill test with 1,000 kills instead of 30 (over an hour on two cores); CORVANE_KILL_SEED
+# repeats a run whose seed it printed.
+kill-long: build
+	ctest --test-dir $(BUILD) -R '^make-test-models$$' --output-on-failure >/dev/null
+	CORVANE_KILLS=$${CORVANE_KILLS:-1000} QT_QPA_PLATFORM=offscreen $(BUILD)/tests/tst_kill_anywhere

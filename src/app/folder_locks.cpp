@@ -387,6 +387,9 @@ QCoro::Task<bool> FolderLocks::setFolderLocked(qint64 folderID, bool locked)
     m_sealing.reset();
     Q_EMIT workingChanged();
     if (done) {
+        // The rows changed under the tree. Whoever stops work on sealed chats when the key
+        // goes below judges by the tree, so it must show the new state first.
+        m_tree.reload();
         Q_EMIT rowsResealed();
         if (!locked)
             m_unlockedFolderIDs.remove(folderID);
