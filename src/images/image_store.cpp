@@ -6,6 +6,7 @@
 #include <QBuffer>
 #include <QColorSpace>
 #include <QDir>
+#include <QFileInfo>
 #include <QFile>
 #include <QImageReader>
 #include <QImageWriter>
@@ -192,8 +193,12 @@ void ImageStore::matchFiles(const QString &directory, const std::optional<VaultK
                             const QStringList &open)
 {
     const QDir folder(directory);
+    // A picture whose file is gone has nothing to seal or open; it must not keep the others
+    // from being matched.
     for (const QString &name : sealed) {
         const QString path = folder.filePath(name);
+        if (!QFileInfo::exists(path))
+            continue;
         if (!startsSealed(head(path))) {
             if (!key)
                 throw VaultError::locked();
@@ -202,7 +207,7 @@ void ImageStore::matchFiles(const QString &directory, const std::optional<VaultK
     }
     for (const QString &name : open) {
         const QString path = folder.filePath(name);
-        if (startsSealed(head(path)))
+        if (QFileInfo::exists(path) && startsSealed(head(path)))
             write(path, read(path, key));
     }
 }

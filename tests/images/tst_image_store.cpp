@@ -190,6 +190,9 @@ private Q_SLOTS:
         QCOMPARE(stored(a), sealedA);
         m_store->match({}, {a});
         QCOMPARE(stored(a), plainA);
+        // A message whose picture file is gone does not keep the others from their lock.
+        m_store->match({"gone.jpg", a}, {"gone-too.jpg"});
+        QVERIFY(stored(a).startsWith("CORVANE-SEALED\n"));
     }
 
     void pruneKeepsWhatMessagesName()

@@ -231,7 +231,9 @@ private Q_SLOTS:
             return;
         ++m_landings[run.op + QStringLiteral(" | ") + run.state];
         // Every step the workload takes is one the application allows at that moment.
-        QVERIFY2(run.statusErrors.isEmpty(), qPrintable(run.statusErrors.join(QLatin1Char('\n'))));
+        QVERIFY2(run.statusErrors.isEmpty(),
+                 qPrintable(run.statusErrors.join(QLatin1Char('\n')) + QStringLiteral("\nthe workload said:\n")
+                            + run.output.join(QLatin1Char('\n'))));
         check();
         if (QTest::currentTestFailed()) {
             qWarning("seed %llu, killed %d ms after the start in \"%s\" with %s", m_seed, delayMs,
