@@ -3,8 +3,9 @@
 #   make test   builds everything and runs every test
 BUILD ?= build
 JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
 
-.PHONY: all deps configure build run test screenshot bench fuzz-long kill-long clean
+.PHONY: all deps configure build run test install screenshot bench fuzz-long kill-long clean
 
 all: build
 
@@ -32,6 +33,10 @@ clean:
 	rm -rf $(BUILD)
 
 # Every benchmark, one after the other; see docs/performance.md.
+# Into PREFIX, below DESTDIR when it is set (a package's staging folder).
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+
 bench: build
 	@for b in $(BUILD)/bench/*; do \
 	  if [ -f "$$b" ] && [ -x "$$b" ]; then echo "== $$b"; "$$b" || exit 1; fi; \

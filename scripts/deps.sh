@@ -34,6 +34,7 @@ packages=(
   qt6-qpa-plugins libmozjs-102-dev
   flite1-dev pulseaudio pulseaudio-utils
   xvfb xauth x11-apps x11-utils imagemagick fonts-dejavu-core dbus-daemon
+  desktop-file-utils appstream librsvg2-bin
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -27,7 +27,7 @@ int main(int argc, char *argv[])
     QGuiApplication app(argc, argv);
     QGuiApplication::setApplicationName(QStringLiteral("Corvane"));
     QGuiApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));
-    QGuiApplication::setDesktopFileName(QStringLiteral("corvane"));
+    QGuiApplication::setDesktopFileName(QStringLiteral(CORVANE_APP_ID));
 
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Private AI chat with local models"));
@@ -40,6 +40,8 @@ int main(int argc, char *argv[])
     const QCommandLineOption reportFirstFrame(QStringLiteral("report-first-frame"),
         QStringLiteral("Print how long after start the first frame was drawn (for measurements)."));
     parser.addOption(reportFirstFrame);
+    const QCommandLineOption newChat(QStringLiteral("new-chat"), QStringLiteral("Start with a new chat."));
+    parser.addOption(newChat);
     parser.addPositionalArgument(QStringLiteral("files"),
         QStringLiteral("Script files (.corvane, .corvane.js) to add to the script library."), QStringLiteral("[files...]"));
     parser.process(app);
@@ -70,6 +72,8 @@ int main(int argc, char *argv[])
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
+    if (parser.isSet(newChat))
+        model->tree()->addChat(ChatTree::none);
     // Files named on the command line arrive once the window can show them.
     if (const QStringList files = parser.positionalArguments(); !files.isEmpty())
         model->scripts()->openFiles(files);

@@ -1,0 +1,43 @@
+#!/bin/sh
+# check_install.sh BUILD APP_ID
+# Installs the build into a scratch staging folder as a package would (DESTDIR, prefix /usr),
+# checks the desktop files with the validators the distributions use, checks that the script
+# file type is recognised by its names, and starts the installed program, which must find its
+# runtimes in the installed tree and not in the build folder.
+set -eu
+build=$1
+id=$2
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+fail() { echo "check_install: $*" >&2; exit 1; }
+
+DESTDIR="$stage" cmake --install "$build" --prefix /usr >/dev/null
+root="$stage/usr"
+share="$root/share"
+for f in bin/corvane libexec/corvane/llama-server libexec/corvane/whisper-cli libexec/corvane/corvane-script-runner \
+         "share/applications/$id.desktop" "share/metainfo/$id.metainfo.xml" "share/mime/packages/$id.xml" \
+         "share/icons/hicolor/scalable/apps/$id.svg" "share/icons/hicolor/256x256/apps/$id.png"; do
+  [ -e "$root/$f" ] || fail "$f is not installed"
+done
+
+desktop-file-validate "$share/applications/$id.desktop"
+appstreamcli validate --no-net --strict --explain "$share/metainfo/$id.metainfo.xml"
+
+# The file type: both names map to it, and plain JavaScript stays JavaScript.
+update-mime-database "$share/mime" >/dev/null 2>&1 || fail "the file type does not read"
+for name in a.corvane b.corvane.js; do
+  type=$(awk -F: -v n="$name" '
+    { pattern = $3; gsub(/\./, "\\.", pattern); gsub(/\*/, ".*", pattern)
+      if (n ~ ("^" pattern "$") && $1 > best) { best = $1; found = $2 } }
+    END { print found }' "$share/mime/globs2")
+  [ "$type" = "application/x-corvane-script" ] || fail "$name is taken for '$type'"
+done
+grep -q "application/x-corvane-script" "$share/applications/$id.desktop" || fail "the launcher does not open scripts"
+
+# The installed program starts, draws its window, and its runtimes run from where it finds them.
+data="$stage/data"
+CORVANE_DATA_DIR="$data" QT_QPA_PLATFORM=offscreen "$root/bin/corvane" --screenshot "$stage/window.png"
+[ -s "$stage/window.png" ] || fail "the installed program drew no window"
+"$root/libexec/corvane/llama-server" --version >/dev/null 2>&1 || fail "the installed llama-server does not run"
+"$root/libexec/corvane/whisper-cli" --help >/dev/null 2>&1 || fail "the installed whisper-cli does not run"
+echo "check_install: the installed tree is complete and valid"
