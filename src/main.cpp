@@ -1,15 +1,19 @@
 #include "app/app_model.h"
+#include "app/app_paths.h"
 #include "qml_types.h"
 #include "platform/error.h"
+#include "platform/single_instance.h"
 #include "platform/termination_signals.h"
 #include "stored_image_provider.h"
 #include "window_capture.h"
 
 #include <QCommandLineParser>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQmlExtensionPlugin>
+#include <QWindow>
 
 #include <memory>
 
@@ -46,6 +50,24 @@ int main(int argc, char *argv[])
         QStringLiteral("Script files (.corvane, .corvane.js) to add to the script library."), QStringLiteral("[files...]"));
     parser.process(app);
 
+    // One window per data folder: a second start hands its files or action to the first.
+    SingleInstance::Request request;
+    for (const QString &file : parser.positionalArguments())
+        request.files << QFileInfo(file).absoluteFilePath();
+    if (parser.isSet(newChat))
+        request.action = QStringLiteral("new-chat");
+    SingleInstance instance(QStringLiteral(CORVANE_APP_ID), AppPaths::overriddenDirectory());
+    switch (instance.claim(request)) {
+    case SingleInstance::Claim::Running:
+        break;
+    case SingleInstance::Claim::HandedOff:
+        return 0;
+    case SingleInstance::Claim::NotAnswered:
+        qCritical().noquote() << "Corvane is already running with this data folder but does not answer:"
+                              << instance.failure();
+        return 1;
+    }
+
     TerminationSignals terminationSignals;
     // Declared before the engine, so that the window goes first at exit and no binding
     // reads a model that is already gone.
@@ -72,11 +94,29 @@ int main(int argc, char *argv[])
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
-    if (parser.isSet(newChat))
-        model->tree()->addChat(ChatTree::none);
-    // Files named on the command line arrive once the window can show them.
-    if (const QStringList files = parser.positionalArguments(); !files.isEmpty())
+    // What this start and later ones ask for arrives once the window can show it.
+    auto *window = qobject_cast<QWindow *>(engine.rootObjects().constFirst());
+    const auto raise = [window] {
+        window->show();
+        window->raise();
+        window->requestActivate();
+    };
+    const auto act = [&model, raise](const QString &action) {
+        if (action == QLatin1String("new-chat"))
+            model->tree()->addChat(ChatTree::none);
+        raise();
+    };
+    const auto open = [&model, raise](const QStringList &files) {
         model->scripts()->openFiles(files);
+        raise();
+    };
+    QObject::connect(&instance, &SingleInstance::activated, window, raise);
+    QObject::connect(&instance, &SingleInstance::actionActivated, window, act);
+    QObject::connect(&instance, &SingleInstance::filesOpened, window, open);
+    if (!request.action.isEmpty())
+        act(request.action);
+    if (!request.files.isEmpty())
+        open(request.files);
     if (parser.isSet(screenshot))
         captureFirstWindowAndQuit(engine, parser.value(screenshot));
     if (parser.isSet(reportFirstFrame))

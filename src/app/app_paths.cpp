@@ -27,9 +27,15 @@ QString ensureDirectory(const QString &path)
 
 namespace AppPaths {
 
-QString supportDirectory()
+QString overriddenDirectory()
 {
     const QString overridden = qEnvironmentVariable("CORVANE_DATA_DIR");
+    return overridden.isEmpty() ? QString() : QDir::cleanPath(QFileInfo(overridden).absoluteFilePath());
+}
+
+QString supportDirectory()
+{
+    const QString overridden = overriddenDirectory();
     if (!overridden.isEmpty())
         return ensureDirectory(overridden);
     // GenericDataLocation is $XDG_DATA_HOME (or ~/.local/share); the application's own

@@ -19,6 +19,10 @@ namespace AppPaths {
 /// The data directory, created with its parents if missing. Throws AppPathsError.
 QString supportDirectory();
 
+/// The folder `CORVANE_DATA_DIR` names, absolute and clean, or empty when the usual one is
+/// used. Nothing is created.
+QString overriddenDirectory();
+
 /// `supportDirectory()/name`, created if missing ("Models", "Images"). Throws AppPathsError.
 QString directory(const QString &name);
 
