@@ -69,6 +69,9 @@ public:
                     present.insert(text, chat);
                     textsByChat[chat].append(text);
                 }
+            } else if (what == QLatin1String("replacing") && f.size() >= 3) {
+                // Regenerating may or may not have replaced it when the kill came.
+                present.remove(line.section(QLatin1Char(' '), 2));
             } else if (what == QLatin1String("deleting") && f.size() == 3 && f[1] == QLatin1String("chat")) {
                 const qint64 chat = f[2].toLongLong();
                 doubt(chat);

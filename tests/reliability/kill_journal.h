@@ -10,6 +10,7 @@
 //   chat ID | folder ID                  after it (-1 when nothing was added);
 //   sent CHAT TEXT                       the user's message TEXT is stored in CHAT;
 //   bulk CHAT COUNT PREFIX               bulkBody(PREFIX, 0..COUNT-1) are stored in CHAT;
+//   replacing CHAT TEXT                  before regenerating: the reply TEXT may go;
 //   deleting chat ID                     before a deletion; the chat's texts are in doubt;
 //   deleting folder ID nodes A,B chats C,D   the same for a folder and what is below it;
 //   deleted                              the deletion just before is queued;

@@ -486,7 +486,12 @@ private:
         const QList<Chat> chats = visibleChats();
         if (chats.isEmpty())
             co_return;
-        tree().selectChat(one(chats).id);
+        const Chat chat = one(chats);
+        tree().selectChat(chat.id);
+        // The reply being replaced goes once its successor is stored.
+        const QList<Message> &shown = session().messages();
+        if (!shown.isEmpty() && shown.last().role == QLatin1String("assistant") && !shown.last().body.contains(QLatin1Char('\n')))
+            m_journal.write(QStringLiteral("replacing %1 %2").arg(chat.id).arg(shown.last().body));
         session().regenerate();
         if (chance(0.5))
             co_await replyEnded();
