@@ -65,6 +65,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_speech = std::make_unique<Speech>(*m_speechEngine, *m_chat, *m_models, *m_settings, *m_status);
     m_windowState = std::make_unique<WindowState>(*m_database);
     m_chatExport = std::make_unique<ChatExport>(databasePath, *m_database, *m_tree, *m_status);
+    m_appearance = std::make_unique<Appearance>(*m_database, *m_status, QDBusConnection::sessionBus());
     m_scriptTimer = std::make_unique<ScriptTimer>(*m_database, *m_tree, *m_chat, *m_speech, *m_status);
 
     // The rules between areas.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/app_settings.h"
+#include "app/appearance.h"
 #include "app/chat_export.h"
 #include "app/chat_images.h"
 #include "app/chat_session.h"
@@ -48,6 +49,7 @@ class AppModel : public QObject
     Q_PROPERTY(Speech *speech READ speech CONSTANT)
     Q_PROPERTY(WindowState *windowState READ windowState CONSTANT)
     Q_PROPERTY(ChatExport *chatExport READ chatExport CONSTANT)
+    Q_PROPERTY(Appearance *appearance READ appearance CONSTANT)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY activityChanged)
     Q_PROPERTY(bool isErasing READ isErasing NOTIFY activityChanged)
     Q_PROPERTY(Readiness::Value readiness READ readiness NOTIFY readinessChanged)
@@ -78,6 +80,7 @@ public:
     Speech *speech() const { return m_speech.get(); }
     WindowState *windowState() const { return m_windowState.get(); }
     ChatExport *chatExport() const { return m_chatExport.get(); }
+    Appearance *appearance() const { return m_appearance.get(); }
     /// What closes open locked folders by itself: sleep, screen lock, session switch, idle.
     AutoLock &autoLock() { return *m_autoLock; }
     /// The selected chat's script timer.
@@ -130,6 +133,7 @@ private:
     std::unique_ptr<Speech> m_speech;
     std::unique_ptr<WindowState> m_windowState;
     std::unique_ptr<ChatExport> m_chatExport;
+    std::unique_ptr<Appearance> m_appearance;
     std::unique_ptr<ScriptTimer> m_scriptTimer;
     std::unique_ptr<AutoLock> m_autoLock;
     bool m_isErasing = false;

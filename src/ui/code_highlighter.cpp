@@ -87,15 +87,12 @@ const Language *find(const QString &name)
 class Highlighter : public QSyntaxHighlighter
 {
 public:
-    Highlighter(QTextDocument *document, const Language *language)
+    Highlighter(QTextDocument *document, const Language *language, bool dark)
         : QSyntaxHighlighter(document)
     {
-        m_keyword.setForeground(QColor(0x8b, 0x2f, 0xc9));
         m_keyword.setFontWeight(QFont::DemiBold);
-        m_string.setForeground(QColor(0x1a, 0x7f, 0x37));
-        m_number.setForeground(QColor(0x0b, 0x5c, 0xad));
-        m_comment.setForeground(QColor(0x6e, 0x6e, 0x6e));
         m_comment.setFontItalic(true);
+        colour(dark);
         // The base class colours the document once control returns to the event loop.
         configure(language);
     }
@@ -106,7 +103,23 @@ public:
         rehighlight();
     }
 
+    void setDark(bool dark)
+    {
+        colour(dark);
+        rehighlight();
+    }
+
 private:
+    /// Colours that keep to the code box's contrast in either scheme.
+    void colour(bool dark)
+    {
+        const QList<QColor> colours = CodeHighlighter::colours(dark);
+        m_keyword.setForeground(colours[0]);
+        m_string.setForeground(colours[1]);
+        m_number.setForeground(colours[2]);
+        m_comment.setForeground(colours[3]);
+    }
+
     void configure(const Language *language)
     {
         m_blockComments = language && language->blockComments;
@@ -200,10 +213,27 @@ void CodeHighlighter::attach(QQuickTextDocument *document, const QString &langua
     QTextDocument *text = document->textDocument();
     // One highlighter per document, owned by it; a fence whose language word was still being
     // written when the box appeared gets its language now.
-    if (auto *existing = text->findChild<Highlighter *>())
+    if (auto *existing = text->findChild<Highlighter *>()) {
         existing->setLanguage(find(language));
-    else
-        new Highlighter(text, find(language));
+        return;
+    }
+    auto *highlighter = new Highlighter(text, find(language), m_dark);
+    connect(this, &CodeHighlighter::darkChanged, highlighter, [this, highlighter] { highlighter->setDark(m_dark); });
+}
+
+void CodeHighlighter::setDark(bool dark)
+{
+    if (dark == m_dark)
+        return;
+    m_dark = dark;
+    Q_EMIT darkChanged();
+}
+
+QList<QColor> CodeHighlighter::colours(bool dark)
+{
+    if (dark)
+        return {QColor(0xc7, 0x92, 0xea), QColor(0x95, 0xd5, 0x8f), QColor(0x82, 0xaa, 0xff), QColor(0xa0, 0xa0, 0xa0)};
+    return {QColor(0x8b, 0x2f, 0xc9), QColor(0x16, 0x70, 0x30), QColor(0x0b, 0x5c, 0xad), QColor(0x66, 0x66, 0x66)};
 }
 
 bool CodeHighlighter::knows(const QString &language)

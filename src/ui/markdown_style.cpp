@@ -10,7 +10,8 @@ namespace {
 
 constexpr qreal s_paragraphGap = 8;
 constexpr qreal s_codePadding = 10;
-const QColor s_codeBackground(0xee, 0xec, 0xe7);
+// A grey wash, so that the box shows on the light and on the dark background alike.
+const QColor s_codeBackground(128, 128, 128, 36);
 
 bool isCode(const QTextBlock &block)
 {

@@ -120,6 +120,14 @@ struct ChatExportForeign
     QML_UNCREATABLE("Reached through AppModel")
 };
 
+struct AppearanceForeign
+{
+    Q_GADGET
+    QML_FOREIGN(Appearance)
+    QML_NAMED_ELEMENT(Appearance)
+    QML_UNCREATABLE("Reached through AppModel")
+};
+
 struct WindowStateForeign
 {
     Q_GADGET

@@ -17,6 +17,39 @@ ApplicationWindow {
     title: "Corvane"
     color: Theme.window
 
+    // Light or dark, switched while the window is open; the controls take their colours from
+    // the palette, which follows the theme.
+    Binding {
+        target: Theme
+        property: "dark"
+        value: AppModel.appearance.isDark
+    }
+    Binding {
+        target: CodeHighlighter
+        property: "dark"
+        value: AppModel.appearance.isDark
+    }
+    palette {
+        window: Theme.window
+        windowText: Theme.text
+        base: Theme.surface
+        alternateBase: Theme.sidebar
+        text: Theme.text
+        button: Theme.surface
+        buttonText: Theme.text
+        highlight: Theme.accent
+        highlightedText: Theme.surface
+        placeholderText: Theme.secondaryText
+        toolTipBase: Theme.surface
+        toolTipText: Theme.text
+        light: Theme.surface
+        midlight: Theme.folderSelection
+        mid: Theme.border
+        dark: Theme.border
+        shadow: Theme.border
+        link: Theme.accent
+    }
+
     /// The sidebar's width as the user left it, kept while the chats view comes and goes.
     property int sidebarWidth: AppModel.windowState.sidebarWidth > 0 ? AppModel.windowState.sidebarWidth
                                                                      : Theme.sidebarWidth

@@ -208,6 +208,27 @@ Dialog {
                 text: "Chats with Auto play on speak each completed reply with this voice."
             }
 
+            Heading { text: "Appearance" }
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Colours"
+                    color: Theme.text
+                }
+                ComboBox {
+                    objectName: "appearanceChoice"
+                    Layout.fillWidth: true
+                    readonly property var choices: ["system", "light", "dark"]
+                    model: ["Same as the system", "Light", "Dark"]
+                    currentIndex: choices.indexOf(AppModel.appearance.choice)
+                    Accessible.name: "Colours"
+                    onActivated: (i) => {
+                        AppModel.appearance.choice = choices[i]
+                        currentIndex = Qt.binding(() => choices.indexOf(AppModel.appearance.choice))
+                    }
+                }
+            }
+
             Heading { text: "Locked folders" }
             LockSettings {
                 objectName: "lockSettings"

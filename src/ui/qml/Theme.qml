@@ -1,22 +1,26 @@
 pragma Singleton
 import QtQuick
 
-// Colours, sizes and spacing shared by every view.
+// Colours, sizes and spacing shared by every view. Every colour has a light and a dark form;
+// which one shows follows the appearance the user chose or the desktop's scheme.
 QtObject {
-    readonly property color window: "#f7f6f3"
-    readonly property color surface: "#ffffff"
-    readonly property color text: "#1f1f1f"
-    readonly property color secondaryText: "#5c5c5c"
-    readonly property color accent: "#2f6feb"
-    readonly property color error: "#b3261e"
-    readonly property color errorBackground: "#fbe9e7"
-    readonly property color sidebar: "#efede8"
-    readonly property color border: "#dcdad4"
-    readonly property color selection: "#d6e2fb"
-    readonly property color folderSelection: "#e4e2dc"
-    readonly property color userBubble: "#e3ebfb"
-    readonly property color found: "#fdf0b8"
-    readonly property color codeBackground: "#f1efea"
+    /// Set by the main window from the application's appearance.
+    property bool dark: false
+
+    readonly property color window: dark ? "#1e1f22" : "#f7f6f3"
+    readonly property color surface: dark ? "#2a2b2f" : "#ffffff"
+    readonly property color text: dark ? "#e6e4df" : "#1f1f1f"
+    readonly property color secondaryText: dark ? "#b3b1ab" : "#5c5c5c"
+    readonly property color accent: dark ? "#7aa7ff" : "#2563d9"
+    readonly property color error: dark ? "#ff8a80" : "#b3261e"
+    readonly property color errorBackground: dark ? "#3b1f1d" : "#fbe9e7"
+    readonly property color sidebar: dark ? "#25262a" : "#efede8"
+    readonly property color border: dark ? "#3a3b40" : "#dcdad4"
+    readonly property color selection: dark ? "#2c3e63" : "#d6e2fb"
+    readonly property color folderSelection: dark ? "#34353a" : "#e4e2dc"
+    readonly property color userBubble: dark ? "#263452" : "#e3ebfb"
+    readonly property color found: dark ? "#5a4a12" : "#fdf0b8"
+    readonly property color codeBackground: dark ? "#2b2c30" : "#f1efea"
 
     readonly property string monospace: "monospace"
 
