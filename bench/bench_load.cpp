@@ -31,18 +31,6 @@ namespace {
 constexpr int s_pieces = 1000;
 constexpr int s_rounds = 3;
 
-/// Resident memory in MB, from the kernel's view of this process.
-double residentMB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024;
-    return -1;
-}
-
 /// A folder of 100 chats of 200 messages each, with words that the searches find.
 qint64 addBigFolder(AppModel &model, int round)
 {
@@ -73,11 +61,7 @@ int main(int argc, char *argv[])
 {
     qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("QT_QUICK_BACKEND", "software");
-    QStringList words;
-    for (int i = 0; i < s_pieces; ++i)
-        words << (i % 40 == 39 ? QStringLiteral("word.\n\n") : QStringLiteral("word "));
-    qputenv("CORVANE_FAKE_REPLY", words.join(QLatin1Char('|')).toUtf8());
-    qputenv("CORVANE_FAKE_PIECE_DELAY_MS", "10");
+    useStandInReply(s_pieces);
     QGuiApplication app(argc, argv);
 
     QTemporaryDir dir;

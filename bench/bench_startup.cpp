@@ -22,18 +22,6 @@
 
 namespace {
 
-/// The process's resident memory in MB, from /proc.
-double residentMB(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
-    return -1;
-}
-
 struct Start
 {
     double firstFrameMs = -1; ///< launch to the first frame, seen from outside

@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,6 +24,29 @@ inline double median(QList<double> values)
     std::ranges::sort(values);
     const qsizetype n = values.size();
     return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+/// The resident memory of process `pid` (this one when 0) in MB, from /proc.
+inline double residentMB(qint64 pid = 0)
+{
+    QFile status(pid ? QStringLiteral("/proc/%1/status").arg(pid) : QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+    return -1;
+}
+
+/// Has the stand-in llama-server reply in `pieces` words, one every 10 ms (a paragraph break
+/// every 40), for benchmarks of the window while a reply streams in.
+inline void useStandInReply(int pieces)
+{
+    QStringList words;
+    for (int i = 0; i < pieces; ++i)
+        words << (i % 40 == 39 ? QStringLiteral("word.\n\n") : QStringLiteral("word "));
+    qputenv("CORVANE_FAKE_REPLY", words.join(QLatin1Char('|')).toUtf8());
+    qputenv("CORVANE_FAKE_PIECE_DELAY_MS", "10");
 }
 
 /// The model file named on the command line, else the test model that `make test` generates;

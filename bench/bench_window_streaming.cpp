@@ -44,11 +44,7 @@ int main(int argc, char *argv[])
     qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("QT_QUICK_BACKEND", "software");
     constexpr int pieces = 300;
-    QStringList words;
-    for (int i = 0; i < pieces; ++i)
-        words << (i % 40 == 39 ? QStringLiteral("word.\n\n") : QStringLiteral("word "));
-    qputenv("CORVANE_FAKE_REPLY", words.join(QLatin1Char('|')).toUtf8());
-    qputenv("CORVANE_FAKE_PIECE_DELAY_MS", "10");
+    useStandInReply(pieces);
     QGuiApplication app(argc, argv);
 
     QTemporaryDir dir;

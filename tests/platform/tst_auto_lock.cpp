@@ -1,6 +1,7 @@
 // The desktop events that lock folders again, heard from stand-in services on two private
 // D-Bus daemons: one plays the system bus, the other the session bus.
 #include "platform/auto_lock.h"
+#include "support/private_bus.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusObjectPath>
@@ -56,34 +57,22 @@ public Q_SLOTS:
     void flushed() { ++count; }
 };
 
-// A dbus-daemon of the test's own. `services` owns the well-known names, `stranger` none;
-// `client` is the connection handed to the code under test.
-class PrivateBus
+// A bus of the test's own. `services` owns the well-known names, `stranger` none; `client` is
+// the connection handed to the code under test.
+class TestBus
 {
 public:
-    ~PrivateBus()
+    ~TestBus()
     {
         for (const QString &name : {services().name(), stranger().name(), client().name()})
             QDBusConnection::disconnectFromBus(name);
-        m_daemon.terminate();
-        m_daemon.waitForFinished();
     }
 
     bool start()
     {
-        QFile config(m_dir.filePath(QStringLiteral("bus.conf")));
-        if (!config.open(QIODevice::WriteOnly))
+        const QString address = m_daemon.start();
+        if (address.isEmpty())
             return false;
-        config.write("<busconfig><type>session</type><listen>unix:dir=" + m_dir.path().toUtf8()
-                     + "</listen><auth>EXTERNAL</auth><policy context='default'><allow own='*'/>"
-                       "<allow send_destination='*'/><allow receive_sender='*'/></policy></busconfig>");
-        config.close();
-        m_daemon.start(QStringLiteral("dbus-daemon"),
-                       {QStringLiteral("--config-file=") + config.fileName(), QStringLiteral("--nofork"),
-                        QStringLiteral("--nopidfile"), QStringLiteral("--print-address=1")});
-        if (!m_daemon.waitForReadyRead(10000))
-            return false;
-        const QString address = QString::fromUtf8(m_daemon.readLine().trimmed());
         for (const char *role : {"services", "stranger", "client"})
             if (!QDBusConnection::connectToBus(address, m_prefix + QLatin1String(role)).isConnected())
                 return false;
@@ -117,8 +106,7 @@ public:
 private:
     static inline int s_buses = 0;
     QString m_prefix = QStringLiteral("corvane-test-%1-").arg(++s_buses);
-    QTemporaryDir m_dir;
-    QProcess m_daemon;
+    PrivateBus m_daemon;
     FlushCounter m_flushes;
 };
 
@@ -142,8 +130,8 @@ class TestAutoLock : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<PrivateBus> m_system;
-    std::unique_ptr<PrivateBus> m_session;
+    std::unique_ptr<TestBus> m_system;
+    std::unique_ptr<TestBus> m_session;
     std::unique_ptr<FakeObject> m_manager;
     std::unique_ptr<FakeObject> m_screenSaver;
     std::unique_ptr<FakeObject> m_mutter;
@@ -170,8 +158,8 @@ private Q_SLOTS:
         // A missing service is normal on many desktops: it must never show as a warning.
         QTest::failOnWarning(QRegularExpression(QStringLiteral(".*")));
         qunsetenv("XDG_SESSION_ID");
-        m_system = std::make_unique<PrivateBus>();
-        m_session = std::make_unique<PrivateBus>();
+        m_system = std::make_unique<TestBus>();
+        m_session = std::make_unique<TestBus>();
         QVERIFY2(m_system->start() && m_session->start(), "dbus-daemon did not start");
         m_manager = std::make_unique<FakeObject>();
         m_manager->answers[QStringLiteral("GetSession")] = [](const QVariantList &arguments) {
@@ -271,7 +259,7 @@ private Q_SLOTS:
         QFETCH(QVariantList, arguments);
         QFETCH(Reasons, expected);
 
-        for (PrivateBus *bus : {m_system.get(), m_session.get()}) {
+        for (TestBus *bus : {m_system.get(), m_session.get()}) {
             bus->serve(s_login1, QStringLiteral("/org/freedesktop/login1"), m_manager.get());
             bus->serve(s_screenSaver);
             bus->serve(s_gnomeScreenSaver);
@@ -284,7 +272,7 @@ private Q_SLOTS:
 
         QDBusMessage signal = QDBusMessage::createSignal(path, interface, member);
         signal.setArguments(arguments);
-        PrivateBus &bus = systemBus ? *m_system : *m_session;
+        TestBus &bus = systemBus ? *m_system : *m_session;
         const QDBusConnection sender = fromStranger ? bus.stranger() : bus.services();
         QVERIFY(sender.send(signal));
         QVERIFY(bus.flush(sender));

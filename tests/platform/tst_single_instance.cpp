@@ -6,6 +6,7 @@
 #include "storage/database.h"
 #include "storage/database_error.h"
 #include "storage/statement.h"
+#include "support/private_bus.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -31,7 +32,7 @@ class TestSingleInstance : public QObject
 
 private:
     QTemporaryDir m_dir;
-    QProcess m_bus;
+    PrivateBus m_bus;
     QString m_busAddress;
     QString m_runtime;
 
@@ -87,25 +88,14 @@ private Q_SLOTS:
         m_runtime = m_dir.filePath(QStringLiteral("runtime"));
         QVERIFY(QDir().mkpath(m_runtime));
         QVERIFY(QFile::setPermissions(m_runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-        QFile config(m_dir.filePath(QStringLiteral("bus.conf")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write("<busconfig><type>session</type><listen>unix:dir=" + m_dir.path().toUtf8()
-                     + "</listen><auth>EXTERNAL</auth><policy context='default'><allow own='*'/>"
-                       "<allow send_destination='*'/><allow receive_sender='*'/></policy></busconfig>");
-        config.close();
-        m_bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--config-file=") + config.fileName(),
-                                                    QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
-                                                    QStringLiteral("--print-address=1")});
-        QVERIFY(m_bus.waitForReadyRead(10000));
-        m_busAddress = QString::fromUtf8(m_bus.readLine().trimmed());
+        m_busAddress = m_bus.start();
+        QVERIFY(!m_busAddress.isEmpty());
         QVERIFY(QDBusConnection::connectToBus(m_busAddress, QStringLiteral("observer")).isConnected());
     }
 
     void cleanupTestCase()
     {
         QDBusConnection::disconnectFromBus(QStringLiteral("observer"));
-        m_bus.terminate();
-        m_bus.waitForFinished();
     }
 
     void oneInstancePerDataFolder_data()

@@ -4,6 +4,7 @@
 // of the theme, and the code colours, keep WCAG AA contrast on every background they are
 // drawn on, in both schemes; pictures of both are saved with the other test pictures.
 #include "support/database_rows.h"
+#include "support/private_bus.h"
 #include "support/test_chat_model.h"
 #include "window_test_support.h"
 
@@ -56,8 +57,7 @@ class TestAppearanceWindow : public WindowTest
     Q_OBJECT
 
 private:
-    QTemporaryDir m_busDir;
-    QProcess m_bus;
+    PrivateBus m_bus;
     FakePortal m_portal;
 
     /// Tells the window the desktop changed its scheme, as the portal does.
@@ -99,17 +99,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         // The bus comes first: the application reads the scheme from the session bus it finds.
-        QFile config(m_busDir.filePath(QStringLiteral("bus.conf")));
-        QVERIFY(config.open(QIODevice::WriteOnly));
-        config.write("<busconfig><type>session</type><listen>unix:dir=" + m_busDir.path().toUtf8()
-                     + "</listen><auth>EXTERNAL</auth><policy context='default'><allow own='*'/>"
-                       "<allow send_destination='*'/><allow receive_sender='*'/></policy></busconfig>");
-        config.close();
-        m_bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--config-file=") + config.fileName(),
-                                                    QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
-                                                    QStringLiteral("--print-address=1")});
-        QVERIFY(m_bus.waitForReadyRead(10000));
-        const QByteArray address = m_bus.readLine().trimmed();
+        const QByteArray address = m_bus.start().toUtf8();
+        QVERIFY(!address.isEmpty());
         qputenv("DBUS_SESSION_BUS_ADDRESS", address);
         QDBusConnection portal = QDBusConnection::connectToBus(QString::fromUtf8(address), QStringLiteral("portal"));
         QVERIFY(portal.registerObject(QStringLiteral("/org/freedesktop/portal/desktop"), &m_portal,
@@ -136,8 +127,6 @@ private Q_SLOTS:
     void cleanupTestCase()
     {
         QDBusConnection::disconnectFromBus(QStringLiteral("portal"));
-        m_bus.terminate();
-        m_bus.waitForFinished();
     }
 
     void followsTheDesktopWhileOpen()
