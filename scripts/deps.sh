@@ -33,8 +33,9 @@ packages=(
   qml6-module-qt-labs-qmlmodels qml6-module-qt-labs-folderlistmodel qml6-module-qttest
   qt6-qpa-plugins libmozjs-102-dev
   flite1-dev pulseaudio pulseaudio-utils
+  libtss2-dev swtpm
   xvfb xauth x11-apps x11-utils imagemagick fonts-dejavu-core dbus-daemon
-  desktop-file-utils appstream librsvg2-bin
+  desktop-file-utils appstream librsvg2-bin libxml2-utils
 )
 missing=()
 for p in "${packages[@]}"; do

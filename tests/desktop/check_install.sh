@@ -1,12 +1,14 @@
 #!/bin/sh
-# check_install.sh BUILD APP_ID
+# check_install.sh BUILD APP_ID POLKIT_ACTIONS_DIR
 # Installs the build into a scratch staging folder as a package would (DESTDIR, prefix /usr),
 # checks the desktop files with the validators the distributions use, checks that the script
-# file type is recognised by its names, and starts the installed program, which must find its
-# runtimes in the installed tree and not in the build folder.
+# file type is recognised by its names and that polkit can read our action, and starts the
+# installed program, which must find its runtimes in the installed tree and not in the build
+# folder.
 set -eu
 build=$1
 id=$2
+polkit_actions=$3
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 fail() { echo "check_install: $*" >&2; exit 1; }
@@ -33,6 +35,23 @@ for name in a.corvane b.corvane.js; do
   [ "$type" = "application/x-corvane-script" ] || fail "$name is taken for '$type'"
 done
 grep -q "application/x-corvane-script" "$share/applications/$id.desktop" || fail "the launcher does not open scripts"
+
+# The polkit action, where polkit looks whatever the prefix: valid against polkit's DTD where
+# polkit is installed, and in any case only the user, each time (auth_self), may pass.
+policy="$stage$polkit_actions/$id.policy"
+[ -e "$policy" ] || fail "the polkit action is not installed in $polkit_actions"
+dtd=/usr/share/polkit-1/policyconfig-1.dtd
+if [ -r "$dtd" ]; then
+  xmllint --noout --nonet --dtdvalid "$dtd" "$policy" || fail "the polkit action does not follow polkit's DTD"
+else
+  xmllint --noout --nonet "$policy" || fail "the polkit action is not well-formed XML"
+fi
+action="/policyconfig/action[@id='$id.unlock']"
+[ -n "$(xmllint --nonet --xpath "string($action/message)" "$policy")" ] || fail "the polkit action $id.unlock is missing"
+for allow in allow_any allow_inactive allow_active; do
+  value=$(xmllint --nonet --xpath "string($action/defaults/$allow)" "$policy")
+  [ "$value" = auth_self ] || fail "the polkit action allows $allow by '$value', not auth_self"
+done
 
 # The installed program starts, draws its window, and its runtimes run from where it finds them.
 data="$stage/data"
