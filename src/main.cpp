@@ -28,6 +28,10 @@ int main(int argc, char *argv[])
     // Chats, pictures, recordings and the database are the user's alone: everything this
     // process creates (SQLite's journal files included) is closed to group and others.
     ::umask(S_IRWXG | S_IRWXO);
+    // The TPM library writes to standard error whenever it finds no TPM, as on most computers;
+    // what matters of its errors reaches the window instead.
+    if (!qEnvironmentVariableIsSet("TSS2_LOG"))
+        qputenv("TSS2_LOG", "all+none");
     QGuiApplication app(argc, argv);
     QGuiApplication::setApplicationName(QStringLiteral("Corvane"));
     QGuiApplication::setApplicationVersion(QStringLiteral(CORVANE_VERSION));

@@ -10,6 +10,7 @@
 #include "platform/auto_lock.h"
 #include "speech/speech_engine.h"
 #include "storage/database.h"
+#include "vault/computer_key_provider.h"
 
 AppModel::AppModel(QObject *parent)
     : AppModel(ModelCatalogue::entries(), parent)
@@ -55,7 +56,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
             .requestUnlock = [this](qint64 id) { m_locks->requestUnlock(id); },
         });
     const QString databasePath = m_supportDirectory + QStringLiteral("/chats.sqlite");
-    m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status);
+    m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status,
+                                           std::make_unique<ComputerKeyProvider>());
     m_images = std::make_unique<ChatImages>(*m_imageStore, *m_database, databasePath, *m_tree, *m_models, *m_status);
     m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_images,
                                            *m_status, [this] { return isStorageBusy(); });

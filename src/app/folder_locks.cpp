@@ -5,6 +5,7 @@
 #include "app/status_banner.h"
 #include "platform/worker_thread.h"
 #include "storage/database.h"
+#include "vault/key_provider.h"
 
 #include <QPointer>
 #include <QTimer>
@@ -23,19 +24,21 @@ void throwIfGone(const QPointer<FolderLocks> &locks)
 } // namespace
 
 FolderLocks::FolderLocks(Database &database, QString databasePath, ChatTree &tree, StatusBanner &status,
-                         QObject *parent)
+                         std::unique_ptr<KeyProvider> keyProvider, QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_databasePath(std::move(databasePath))
     , m_tree(tree)
     , m_status(status)
     , m_progressTimer(new QTimer(this))
+    , m_keyProvider(std::move(keyProvider))
 {
     if (const auto text = database.setting(Settings::vaultKey))
         m_vault = VaultRecord::fromJson(text->toUtf8());
     m_progressTimer->setInterval(100);
     connect(m_progressTimer, &QTimer::timeout, this, &FolderLocks::showSealingProgress);
     connect(&tree, &ChatTree::treeChanged, this, &FolderLocks::lockedFoldersChanged);
+    probeKeyProvider();
 }
 
 FolderLocks::~FolderLocks()
@@ -124,12 +127,12 @@ void FolderLocks::requestPasswordReset()
     showSheet({.kind = LockSheet::ResetPassword, .purpose = purpose});
 }
 
-void FolderLocks::submitSetUp(const QString &password)
+void FolderLocks::submitSetUp(const QString &password, bool withComputer)
 {
     if (!m_lockSheet || m_lockSheet->kind != LockSheet::SetUp)
         return;
     const qint64 folderID = m_lockSheet->folderID;
-    run(createVault(password, folderID).then([this, alive = QPointer<FolderLocks>(this)](std::optional<QString> key) {
+    run(createVault(password, folderID, withComputer && m_canUnlockWithComputer).then([this, alive = QPointer<FolderLocks>(this)](std::optional<QString> key) {
         if (alive && key)
             showSheet({.kind = LockSheet::RecoveryKey, .purpose = {}, .folderID = 0}, *key);
     }));
@@ -224,15 +227,21 @@ void FolderLocks::hideLockedAway()
 
 // ---- flows
 
-QCoro::Task<std::optional<QString>> FolderLocks::createVault(QString password, qint64 folderID)
+QCoro::Task<std::optional<QString>> FolderLocks::createVault(QString password, qint64 folderID, bool touchID)
 {
-    if (m_vault)
+    if (m_vault || (touchID && !m_keyProvider))
         co_return std::nullopt;
     const QPointer<FolderLocks> alive(this);
     QString recovery;
     try {
-        const Vault::NewVault made = co_await Vault::createAsync(password);
+        Vault::NewVault made = co_await Vault::createAsync(password);
         throwIfGone(alive);
+        if (touchID) {
+            QCoro::Task<TouchIDSeal> sealing = Vault::touchIDSeal(made.key, m_keyProvider.get());
+            TouchIDSeal seal = co_await sealing;
+            made.record.touchID = std::move(seal);
+            throwIfGone(alive);
+        }
         saveVault(made.record);
         setKey(made.key);
         recovery = made.recovery;
@@ -343,8 +352,13 @@ QCoro::Task<> FolderLocks::didUnlock(VaultKey key, UnlockPurpose purpose)
             co_return;
         break;
     }
-    case UnlockPurpose::TouchID:
+    case UnlockPurpose::TouchID: {
+        const QPointer<FolderLocks> alive(this);
+        co_await setTouchID(true);
+        if (!alive)
+            co_return;
         break;
+    }
     }
     hideLockedAway();
 }

@@ -16,6 +16,7 @@
 
 class ChatTree;
 class Database;
+class KeyProvider;
 class QTimer;
 class StatusBanner;
 
@@ -28,6 +29,9 @@ class StatusBanner;
 /// Locking re-encrypts every row below the folder on a worker thread with a connection of its
 /// own, in one transaction, while the folder is already hidden; the window takes no edits
 /// meanwhile (`isSealing`).
+///
+/// "Unlock with this computer" seals the vault key once more, to a key of the KeyProvider (the
+/// computer's TPM after polkit's check); it is offered only while the provider says it can work.
 class FolderLocks : public QObject
 {
     Q_OBJECT
@@ -40,6 +44,8 @@ class FolderLocks : public QObject
     Q_PROPERTY(qint64 sheetFolderID READ sheetFolderID NOTIFY lockSheetChanged)
     Q_PROPERTY(QString recoveryKey READ recoveryKey NOTIFY lockSheetChanged)
     Q_PROPERTY(int lockedFolderCount READ lockedFolderCount NOTIFY lockedFoldersChanged)
+    Q_PROPERTY(bool canUnlockWithComputer READ canUnlockWithComputer NOTIFY computerUnlockChanged)
+    Q_PROPERTY(bool unlocksWithComputer READ unlocksWithComputer NOTIFY vaultChanged)
     Q_PROPERTY(int minimumPasswordLength MEMBER minimumPasswordLength CONSTANT)
     Q_PROPERTY(int autoLockMinutes MEMBER autoLockMinutes CONSTANT)
 
@@ -51,8 +57,10 @@ public:
 
     /// Reads the stored vault record. One that does not decode leaves no vault, silently, as
     /// if no folder had ever been locked.
+    /// `keyProvider` may be null: no unlocking with this computer then. Whether it can work
+    /// here is asked at once, in the background (`computerUnlockChanged`).
     FolderLocks(Database &database, QString databasePath, ChatTree &tree, StatusBanner &status,
-                QObject *parent = nullptr);
+                std::unique_ptr<KeyProvider> keyProvider, QObject *parent = nullptr);
     ~FolderLocks() override;
 
     const std::optional<VaultRecord> &vault() const { return m_vault; }
@@ -66,6 +74,10 @@ public:
     bool isSealing() const { return m_sealing.has_value(); }
     /// The folders the user locked, open or not.
     int lockedFolderCount() const;
+    /// This computer can keep a seal of the vault key (a TPM, and polkit to ask the user).
+    bool canUnlockWithComputer() const { return m_canUnlockWithComputer; }
+    /// The vault key is also sealed to this computer.
+    bool unlocksWithComputer() const { return m_vault && m_vault->touchID; }
 
     const std::optional<LockSheet> &lockSheet() const { return m_lockSheet; }
     int sheetKind() const { return m_lockSheet ? int(m_lockSheet->kind) : noSheet; }
@@ -83,10 +95,16 @@ public:
     /// The reset dialog, for the purpose of the unlock dialog it replaces (else to open nothing).
     Q_INVOKABLE void requestPasswordReset();
     Q_INVOKABLE void dismissLockSheet();
-    /// The set-up dialog's "Lock folder": makes the vault and locks the folder it was for.
-    Q_INVOKABLE void submitSetUp(const QString &password);
+    /// The set-up dialog's "Lock folder": makes the vault and locks the folder it was for,
+    /// sealing the key to this computer as well when `withComputer`.
+    Q_INVOKABLE void submitSetUp(const QString &password, bool withComputer = false);
     /// The unlock dialog's confirming button, for the dialog's purpose.
     Q_INVOKABLE void submitUnlock(const QString &password);
+    /// The unlock dialog's "Unlock with this computer", for the dialog's purpose.
+    Q_INVOKABLE void submitUnlockWithComputer();
+    /// The settings toggle: turning it on needs the key, so without it the password is asked
+    /// for first; turning it off only drops the seal.
+    Q_INVOKABLE void setUnlockWithComputer(bool on);
     Q_INVOKABLE void submitReset(const QString &recoveryKey, const QString &newPassword);
     Q_INVOKABLE void submitPasswordChange(const QString &current, const QString &newPassword);
     /// Closes an open locked folder again.
@@ -98,8 +116,9 @@ public:
 
     // ---- the flows, awaitable
     /// Makes the vault with `password`, holds its key and locks `folderID`; answers the
-    /// recovery key text to show once, nothing on an error (then nothing is stored).
-    QCoro::Task<std::optional<QString>> createVault(QString password, qint64 folderID);
+    /// recovery key text to show once, nothing on an error (then nothing is stored). With
+    /// `touchID` the key is sealed to this computer too, and a failure there fails it all.
+    QCoro::Task<std::optional<QString>> createVault(QString password, qint64 folderID, bool touchID = false);
     /// Opens the vault with `password` for `purpose`; false for a wrong password.
     QCoro::Task<bool> unlock(QString password, UnlockPurpose purpose);
     /// Opens the vault with a typed recovery key, gives it `newPassword` and goes on as an
@@ -107,6 +126,11 @@ public:
     QCoro::Task<bool> resetPassword(QString recoveryKey, QString newPassword, UnlockPurpose purpose);
     /// False for a wrong current password.
     QCoro::Task<bool> changePassword(QString current, QString newPassword);
+    /// Opens the vault through this computer's seal for `purpose`. False when the user
+    /// declined the check (silently) or the seal did not open (said in the banner).
+    QCoro::Task<bool> unlockWithTouchID(UnlockPurpose purpose);
+    /// Seals the held key to this computer (replacing an earlier seal), or drops the seal.
+    QCoro::Task<bool> setTouchID(bool enabled);
     /// Seals (`locked`) or reveals a folder and everything below it. Needs a vault and the key.
     QCoro::Task<bool> setFolderLocked(qint64 folderID, bool locked);
 
@@ -132,6 +156,7 @@ Q_SIGNALS:
     /// Rows were sealed or revealed, or a folder was opened, and the key is still held: what
     /// is stored beside the rows (images) is brought in line now.
     void rowsResealed();
+    void computerUnlockChanged();
 
 private:
     void showSheet(LockSheet sheet, QString recoveryKey = {});
@@ -146,6 +171,7 @@ private:
     void run(QCoro::Task<> task);
     void setWorking(int delta);
     void showSealingProgress();
+    QCoro::Task<> probeKeyProvider();
 
     Database &m_database;
     QString m_databasePath;
@@ -165,4 +191,6 @@ private:
     };
     std::optional<Sealing> m_sealing;
     QTimer *m_progressTimer;
+    std::unique_ptr<KeyProvider> m_keyProvider;
+    bool m_canUnlockWithComputer = false;
 };

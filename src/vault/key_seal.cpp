@@ -9,19 +9,15 @@
 
 namespace Vault {
 
-std::unique_ptr<KeyProvider> systemKeyProvider()
-{
-    return nullptr;
-}
-
 VaultKey touchIDWrappingKey(const QByteArray &sharedSecret)
 {
     return KeyDerivation::hkdfSha256(sharedSecret, "corvane touch id");
 }
 
-TouchIDSeal touchIDSeal(const VaultKey &key, KeyProvider &provider)
+QCoro::Task<TouchIDSeal> touchIDSeal(VaultKey key, KeyProvider *provider)
 {
-    KeyProvider::Key providerKey = provider.createKey();
+    QCoro::Task<KeyProvider::Key> making = provider->createKey();
+    KeyProvider::Key providerKey = co_await making;
     const std::optional<P256Key> providerPublic = P256Key::fromRawPublicKey(providerKey.publicKey);
     if (!providerPublic)
         throw VaultError::touchIDFailed();
@@ -31,7 +27,7 @@ TouchIDSeal touchIDSeal(const VaultKey &key, KeyProvider &provider)
         throw VaultError::touchIDFailed();
     const WipedBytes shared{std::move(*secret)};
     const WipedBytes plain{QByteArray(reinterpret_cast<const char *>(key.data()), VaultKey::size)};
-    return TouchIDSeal{
+    co_return TouchIDSeal{
         std::move(providerKey.handle),
         ephemeral.rawPublicKey(),
         SealedBox::seal(plain.bytes, touchIDWrappingKey(shared.bytes)),

@@ -7,8 +7,6 @@
 
 #include <QCoro/QCoroTask>
 
-#include <memory>
-
 class KeyProvider;
 
 /// The vault key sealed to a key in a KeyProvider: only that provider, after a biometric
@@ -28,16 +26,13 @@ namespace Vault {
 inline constexpr char16_t touchIDReason[] = u"unlock your locked folders";
 inline constexpr char16_t touchIDCancelTitle[] = u"Use Password";
 
-/// The key provider of this platform, or null where biometrics cannot be evaluated. Linux has
-/// none: Touch ID is unavailable there, its toggle is not shown and no seal is ever written.
-std::unique_ptr<KeyProvider> systemKeyProvider();
-
 /// HKDF-SHA-256 of an ECDH shared secret with an empty salt and the info "corvane touch id".
 VaultKey touchIDWrappingKey(const QByteArray &sharedSecret);
 
 /// Seals `key` to a new key of `provider`, through a one-time P-256 key. Asks the user
-/// nothing. Throws what the provider throws, or VaultError / SealedBoxError.
-TouchIDSeal touchIDSeal(const VaultKey &key, KeyProvider &provider);
+/// nothing. Throws what the provider throws, or VaultError / SealedBoxError. `provider` must
+/// outlive the task.
+QCoro::Task<TouchIDSeal> touchIDSeal(VaultKey key, KeyProvider *provider);
 
 /// Opens `seal` with `provider`, which asks the user first; `provider` must outlive the task.
 /// Throws when the check fails or is cancelled, and VaultError::touchIDFailed when the seal

@@ -9,12 +9,12 @@ class VaultError : public CorvaneError
 public:
     enum class Case {
         Locked, ///< a sealed value was read or written while no key is held
-        TouchIDFailed, ///< the Touch ID seal could not be made or did not open
+        TouchIDFailed, ///< the seal to this computer could not be made or did not open
     };
 
     /// "Unlock your locked folders first".
     static VaultError locked() { return VaultError(Case::Locked); }
-    /// "Touch ID could not unlock your locked folders".
+    /// "This computer could not unlock your locked folders".
     static VaultError touchIDFailed() { return VaultError(Case::TouchIDFailed); }
 
     Case kind() const noexcept { return m_case; }
@@ -32,7 +32,7 @@ private:
         case Case::Locked:
             return QStringLiteral("Unlock your locked folders first");
         case Case::TouchIDFailed:
-            return QStringLiteral("Touch ID could not unlock your locked folders");
+            return QStringLiteral("This computer could not unlock your locked folders");
         }
         return {};
     }

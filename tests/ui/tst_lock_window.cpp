@@ -1,10 +1,15 @@
 // Locked folders as the user meets them in the window, on a real AppModel with real key
 // derivation: locking a folder from its menu, the password rules, the recovery key, opening
 // with a wrong and the right password, locking everything, resetting with the recovery key,
-// changing the password in Settings and removing a lock. Pictures go to build/test-output/.
+// changing the password in Settings, unlocking with this computer (a software TPM and a
+// stand-in for polkit, on a system bus of the test's own) and removing a lock. Pictures go to
+// build/test-output/.
 #include "app/app_model.h"
 #include "qml_types.h"
 #include "sidebar_model.h"
+#include "support/fake_polkit.h"
+#include "support/private_bus.h"
+#include "support/software_tpm.h"
 #include "window_test_support.h"
 
 #include <QClipboard>
@@ -34,6 +39,9 @@ class TestLockWindow : public WindowTest
     Q_OBJECT
 
 private:
+    PrivateBus m_systemBus;
+    std::unique_ptr<FakePolkit> m_polkit;
+    SoftwareTpm m_tpm;
     qint64 m_work = -1;
     qint64 m_plans = -1;
     qint64 m_notes = -1;
@@ -93,8 +101,16 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
+        const QString address = m_systemBus.start();
+        QVERIFY(!address.isEmpty());
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
+        m_polkit = std::make_unique<FakePolkit>(QDBusConnection::connectToBus(address, QStringLiteral("fake-polkit")));
+        QVERIFY(m_polkit->start());
+        QVERIFY2(m_tpm.start(), qPrintable(m_tpm.errorString()));
+        qputenv("CORVANE_TPM_TCTI", m_tpm.tcti().toUtf8());
         useScratchData();
         m_model = std::make_unique<AppModel>();
+        QTRY_VERIFY_WITH_TIMEOUT(m_model->locks()->canUnlockWithComputer(), s_slow);
         ChatTree *tree = m_model->tree();
         m_work = tree->addFolder(-1);
         tree->renameNode(m_work, "Work");
@@ -134,6 +150,9 @@ private Q_SLOTS:
             chooseFromMenu(m_work, "lockFolderItem");
             waitForSheet("setUpSheet", "newPasswordField");
             QCOMPARE(text("setUpSheet", "title"), QStringLiteral("Lock Work"));
+            // Offered, since this computer can keep a seal; left off unless ticked.
+            QVERIFY(shown("setUpWithComputer"));
+            QVERIFY(!object("setUpWithComputer")->property("checked").toBool());
         }
         object("newPasswordField")->setProperty("text", password);
         object("confirmPasswordField")->setProperty("text", confirmation);
@@ -362,6 +381,45 @@ private Q_SLOTS:
         type(s_changedPassword);
         QTest::keyClick(m_window, Qt::Key_Return);
         QTRY_VERIFY_WITH_TIMEOUT(chatRow(), s_slow);
+    }
+
+    void unlockWithThisComputer()
+    {
+        // Turned on in Settings, from the keyboard, while Work is open: the key is at hand.
+        QTest::keyClick(m_window, Qt::Key_Comma, Qt::ControlModifier);
+        QTRY_VERIFY(isOpened("settingsSheet"));
+        QQuickItem *toggle = findItem(m_window, "unlockWithComputerSwitch");
+        QVERIFY(toggle->isVisible() && !toggle->property("checked").toBool());
+        toggle->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(m_window, Qt::Key_Space);
+        QTRY_VERIFY_WITH_TIMEOUT(locks()->unlocksWithComputer(), s_slow);
+        QCOMPARE(m_model->status()->text(), QStringLiteral("Unlock with this computer is on"));
+        QVERIFY(toggle->property("checked").toBool());
+        QTest::keyClick(m_window, Qt::Key_Escape);
+        QTRY_VERIFY(!isOpened("settingsSheet"));
+        QTest::keyClick(m_window, Qt::Key_L, Qt::ControlModifier | Qt::ShiftModifier);
+        QTRY_VERIFY(!chatRow());
+
+        // The person at the computer says no: the sheet stays for the password, and that is
+        // no error.
+        m_polkit->setAnswer(FakePolkit::Answer::No);
+        click(folderRow(m_work));
+        QTRY_VERIFY(isOpened("unlockSheet"));
+        QCOMPARE(text("unlockSheetAlternative"), QStringLiteral("Use this computer"));
+        savePicture(QStringLiteral("unlock-with-computer.png"));
+        const qsizetype asked = m_polkit->checks().size();
+        click("unlockSheetAlternative");
+        QTRY_COMPARE(m_polkit->checks().size(), asked + 1);
+        QTRY_VERIFY(!locks()->isWorking());
+        QVERIFY(isOpened("unlockSheet"));
+        QVERIFY(!m_model->status()->isError());
+        QVERIFY(!chatRow());
+
+        // Yes: open without a password.
+        m_polkit->setAnswer(FakePolkit::Answer::Yes);
+        click("unlockSheetAlternative");
+        QTRY_VERIFY_WITH_TIMEOUT(!shown("unlockSheet"), s_slow);
+        QTRY_VERIFY(chatRow());
     }
 
     void exportingAnOpenLockedFolderWarnsFirst()

@@ -17,16 +17,18 @@ class SoftwareKeyProvider : public KeyProvider
 public:
     bool cancels = false;
 
-    Key createKey() override
+    QCoro::Task<bool> isAvailable() override { co_return true; }
+
+    QCoro::Task<Key> createKey() override
     {
         const P256Key key = P256Key::generate();
-        return {key.privateKeyDer(), key.rawPublicKey()};
+        co_return Key{key.privateKeyDer(), key.rawPublicKey()};
     }
 
     QCoro::Task<QByteArray> sharedSecret(QByteArray handle, QByteArray peerPublicKey, QString, QString) override
     {
         if (cancels)
-            throw CorvaneError(QStringLiteral("Authentication canceled"));
+            throw PresenceDeclined();
         const std::optional<P256Key> own = P256Key::fromPrivateKeyDer(handle);
         const std::optional<P256Key> peer = P256Key::fromRawPublicKey(peerPublicKey);
         const std::optional<QByteArray> secret = own && peer ? own->sharedSecret(*peer) : std::nullopt;
@@ -73,8 +75,8 @@ private Q_SLOTS:
     {
         SoftwareKeyProvider provider;
         const VaultKey key = VaultKey::random();
-        const TouchIDSeal first = Vault::touchIDSeal(key, provider);
-        const TouchIDSeal second = Vault::touchIDSeal(key, provider);
+        const TouchIDSeal first = awaitTask(Vault::touchIDSeal(key, &provider));
+        const TouchIDSeal second = awaitTask(Vault::touchIDSeal(key, &provider));
         QVERIFY(first.ephemeralPublicKey != second.ephemeralPublicKey);
         QVERIFY(first.sealedKey != second.sealedKey);
         QCOMPARE(openSeal(first, provider), std::optional(key));
@@ -97,7 +99,7 @@ private Q_SLOTS:
         QFETCH(QString, failure);
         QFETCH(bool, isVaultError);
         SoftwareKeyProvider provider;
-        TouchIDSeal seal = Vault::touchIDSeal(VaultKey::random(), provider);
+        TouchIDSeal seal = awaitTask(Vault::touchIDSeal(VaultKey::random(), &provider));
         provider.cancels = failure == "cancel";
         if (failure == "sealedKey")
             seal.sealedKey[40] = char(seal.sealedKey.at(40) ^ 1);
@@ -106,7 +108,7 @@ private Q_SLOTS:
         else if (failure == "short")
             seal.ephemeralPublicKey.chop(1);
         else if (failure == "other")
-            seal.sealedKey = Vault::touchIDSeal(VaultKey::random(), provider).sealedKey;
+            seal.sealedKey = awaitTask(Vault::touchIDSeal(VaultKey::random(), &provider)).sealedKey;
 
         try {
             openSeal(seal, provider);

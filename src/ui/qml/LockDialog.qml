@@ -12,6 +12,9 @@ Dialog {
     /// The `LockSheet` kind this dialog shows.
     required property int kind
     property string confirmText: ""
+    /// A second way to confirm beside the form (unlocking with this computer); none when empty.
+    property string alternativeText: ""
+    property string alternativeDescription: ""
     /// The form is complete; the confirming button also waits for running work.
     property bool canConfirm: true
     property bool showsCancel: true
@@ -22,6 +25,8 @@ Dialog {
 
     /// Confirmed by the button or Return: submit the form.
     signal confirmed()
+    /// The alternative button was pressed.
+    signal alternativeChosen()
     /// Shown afresh: empty every field and message.
     signal cleared()
 
@@ -85,6 +90,16 @@ Dialog {
                 Layout.preferredWidth: 28
                 Layout.preferredHeight: 28
                 Accessible.name: "Working"
+            }
+            Button {
+                objectName: dialog.objectName + "Alternative"
+                visible: dialog.alternativeText !== ""
+                enabled: !AppModel.locks.isWorking
+                text: dialog.alternativeText
+                Accessible.name: text
+                Accessible.description: dialog.alternativeDescription
+                Accessible.ignored: !visible
+                onClicked: dialog.alternativeChosen()
             }
             Item { Layout.fillWidth: true }
             Button {

@@ -45,6 +45,36 @@ ColumnLayout {
             Accessible.name: "Change password"
             onClicked: AppModel.locks.requestPasswordChange()
         }
+
+        Label {
+            visible: computerSwitch.visible
+            text: "Unlock with this computer"
+            color: Theme.text
+            Accessible.ignored: true
+        }
+        Switch {
+            id: computerSwitch
+            objectName: "unlockWithComputerSwitch"
+            visible: AppModel.locks.hasVault && AppModel.locks.canUnlockWithComputer
+            enabled: !AppModel.locks.isWorking
+            checked: AppModel.locks.unlocksWithComputer
+            Accessible.name: "Unlock with this computer"
+            Accessible.description: computerNote.text
+            Accessible.ignored: !visible
+            // The model decides: turning on may first ask for the password.
+            onToggled: {
+                const wanted = checked
+                checked = Qt.binding(() => AppModel.locks.unlocksWithComputer)
+                AppModel.locks.setUnlockWithComputer(wanted)
+            }
+        }
+    }
+    FormNote {
+        id: computerNote
+        objectName: "unlockWithComputerNote"
+        visible: computerSwitch.visible
+        text: "Your fingerprint or your login password opens your locked folders on this computer. The seal is kept by this computer's security chip, so a copy of your data can't be opened this way elsewhere."
+        Accessible.ignored: true
     }
 
     Button {

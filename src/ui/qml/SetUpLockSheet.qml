@@ -15,8 +15,11 @@ LockDialog {
     canConfirm: fields.isValid
     initialFocus: fields.firstField
 
-    onCleared: fields.clear()
-    onConfirmed: AppModel.locks.submitSetUp(fields.password)
+    onCleared: {
+        fields.clear()
+        computer.checked = false
+    }
+    onConfirmed: AppModel.locks.submitSetUp(fields.password, computer.visible && computer.checked)
 
     FormNote {
         objectName: "setUpExplanation"
@@ -28,6 +31,22 @@ LockDialog {
         id: fields
         Layout.fillWidth: true
         Layout.topMargin: Theme.spacing / 2
+    }
+    CheckBox {
+        id: computer
+        objectName: "setUpWithComputer"
+        visible: AppModel.locks.canUnlockWithComputer
+        text: "Unlock with this computer"
+        Accessible.name: text
+        Accessible.description: computerNote.text
+        Accessible.ignored: !visible
+    }
+    FormNote {
+        id: computerNote
+        visible: computer.visible
+        Layout.leftMargin: computer.indicator ? computer.leftPadding + computer.indicator.width + computer.spacing : 0
+        text: "Use your fingerprint or your login password to open locked folders on this computer."
+        Accessible.ignored: true
     }
     FormNote {
         objectName: "setUpNote"

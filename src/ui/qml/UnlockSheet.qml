@@ -3,19 +3,25 @@ import QtQuick.Controls
 import QtQuick.Layouts
 import Corvane
 
-// Asks for the password, to open a locked folder or to lock one more while the key is not
-// held. A wrong password keeps the dialog open with a message until the user types again.
+// Asks for the password, to open a locked folder, to lock one more while the key is not held,
+// or to turn on unlocking with this computer. Where the key is sealed to this computer, the
+// computer can answer instead. A wrong password keeps the dialog open with a message until the
+// user types again.
 LockDialog {
     id: sheet
     objectName: "unlockSheet"
 
     readonly property bool forLocking: AppModel.locks.sheetPurpose === UnlockPurpose.Lock
+    readonly property bool forComputer: AppModel.locks.sheetPurpose === UnlockPurpose.TouchID
     readonly property string folderName: AppModel.tree.folderDetails(AppModel.locks.sheetFolderID).name ?? ""
     property bool rejected: false
 
     kind: LockSheet.Unlock
-    title: (forLocking ? "Lock " : "Unlock ") + folderName
-    confirmText: forLocking ? "Lock" : "Unlock"
+    title: forComputer ? "Turn on Unlock with this computer" : (forLocking ? "Lock " : "Unlock ") + folderName
+    confirmText: forComputer ? "Turn On" : forLocking ? "Lock" : "Unlock"
+    alternativeText: !forComputer && AppModel.locks.unlocksWithComputer && AppModel.locks.canUnlockWithComputer
+                     ? "Use this computer" : ""
+    alternativeDescription: "Confirm with your fingerprint or your login password instead of this password"
     canConfirm: password.text !== ""
     initialFocus: password
 
@@ -24,6 +30,7 @@ LockDialog {
         rejected = false
     }
     onConfirmed: AppModel.locks.submitUnlock(password.text)
+    onAlternativeChosen: AppModel.locks.submitUnlockWithComputer()
 
     Connections {
         target: AppModel.locks
@@ -37,8 +44,9 @@ LockDialog {
 
     FormNote {
         objectName: "unlockMessage"
-        text: sheet.forLocking ? "Enter the password you use for locked folders. This folder will use it too."
-                               : "Enter your password to see and open the chats in this folder."
+        text: sheet.forComputer ? "Enter the password you use for locked folders."
+              : sheet.forLocking ? "Enter the password you use for locked folders. This folder will use it too."
+              : "Enter your password to see and open the chats in this folder."
         font.pixelSize: Theme.bodySize
         color: Theme.text
     }
