@@ -25,6 +25,7 @@ constexpr int s_connectTimeoutMs = 1000;
 constexpr qint64 s_longestRequest = 1 << 20;
 
 const QString s_interface = QStringLiteral("org.freedesktop.Application");
+const QString s_tokenKey = QStringLiteral("activation-token");
 
 /// The token that lets the running instance raise its window past focus-stealing prevention.
 QVariantMap platformData()
@@ -32,7 +33,7 @@ QVariantMap platformData()
     QVariantMap data;
     const QString token = qEnvironmentVariable("XDG_ACTIVATION_TOKEN");
     if (!token.isEmpty())
-        data.insert(QStringLiteral("activation-token"), token);
+        data.insert(s_tokenKey, token);
     const QString startupID = qEnvironmentVariable("DESKTOP_STARTUP_ID");
     if (!startupID.isEmpty())
         data.insert(QStringLiteral("desktop-startup-id"), startupID);
@@ -42,7 +43,8 @@ QVariantMap platformData()
 QByteArray requestLine(const SingleInstance::Request &request)
 {
     const QJsonObject object{{QStringLiteral("files"), QJsonArray::fromStringList(request.files)},
-                             {QStringLiteral("action"), request.action}};
+                             {QStringLiteral("action"), request.action},
+                             {s_tokenKey, qEnvironmentVariable("XDG_ACTIVATION_TOKEN")}};
     return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
 }
 
@@ -54,6 +56,7 @@ SingleInstance::Request requestFrom(const QByteArray &line)
         if (file.isString() && QDir::isAbsolutePath(file.toString()))
             request.files << file.toString();
     request.action = object.value(QStringLiteral("action")).toString();
+    request.activationToken = object.value(s_tokenKey).toString();
     return request;
 }
 
@@ -73,11 +76,15 @@ public:
     }
 
 public Q_SLOTS:
-    void Activate(const QVariantMap &) { m_owner.deliver({}); }
+    void Activate(const QVariantMap &platformData)
+    {
+        m_owner.deliver({{}, {}, platformData.value(s_tokenKey).toString()});
+    }
 
-    void Open(const QStringList &uris, const QVariantMap &)
+    void Open(const QStringList &uris, const QVariantMap &platformData)
     {
         SingleInstance::Request request;
+        request.activationToken = platformData.value(s_tokenKey).toString();
         for (const QString &uri : uris) {
             const QUrl url(uri);
             if (url.isLocalFile())
@@ -86,9 +93,9 @@ public Q_SLOTS:
         m_owner.deliver(request);
     }
 
-    void ActivateAction(const QString &name, const QVariantList &, const QVariantMap &)
+    void ActivateAction(const QString &name, const QVariantList &, const QVariantMap &platformData)
     {
-        m_owner.deliver({{}, name});
+        m_owner.deliver({{}, name, platformData.value(s_tokenKey).toString()});
     }
 
 private:
@@ -202,6 +209,9 @@ SingleInstance::Claim SingleInstance::claimSocket(const Request &request)
 
 void SingleInstance::deliver(const Request &request)
 {
+    // Qt's Wayland window takes the token from there at its next activation request, once.
+    if (!request.activationToken.isEmpty())
+        qputenv("XDG_ACTIVATION_TOKEN", request.activationToken.toUtf8());
     if (!request.action.isEmpty())
         Q_EMIT actionActivated(request.action);
     if (!request.files.isEmpty())

@@ -23,6 +23,9 @@ public:
     {
         QStringList files; ///< absolute paths
         QString action;    ///< a launcher action ("new-chat"), or empty
+        /// The desktop's token that lets the running instance raise its window past focus-stealing
+        /// prevention (XDG_ACTIVATION_TOKEN of the start that asked), or empty.
+        QString activationToken;
     };
 
     /// `appID` is the application id; `scope`, when not empty, the data folder in use, which
