@@ -3,11 +3,14 @@
 // with a wrong and the right password, locking everything, resetting with the recovery key,
 // changing the password in Settings, unlocking with this computer (a software TPM and a
 // stand-in for polkit, on a system bus of the test's own) and removing a lock. Pictures go to
-// build/test-output/.
+// build/test-output/. Nothing typed, shown once or held in memory (passwords, the recovery key,
+// the vault key) may reach a log line or the status line on the way.
 #include "app/app_model.h"
 #include "qml_types.h"
 #include "sidebar_model.h"
+#include "storage/database.h"
 #include "support/fake_polkit.h"
+#include "support/log_capture.h"
 #include "support/private_bus.h"
 #include "support/software_tpm.h"
 #include "window_test_support.h"
@@ -39,6 +42,8 @@ class TestLockWindow : public WindowTest
     Q_OBJECT
 
 private:
+    std::unique_ptr<LogCapture> m_log;
+    QStringList m_secrets; ///< the vault key as it would be written, once seen
     PrivateBus m_systemBus;
     std::unique_ptr<FakePolkit> m_polkit;
     SoftwareTpm m_tpm;
@@ -101,6 +106,8 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
+        // Here, not earlier: the test's own message handler must be in place to pass warnings on.
+        m_log = std::make_unique<LogCapture>();
         const QString address = m_systemBus.start();
         QVERIFY(!address.isEmpty());
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
@@ -110,6 +117,7 @@ private Q_SLOTS:
         qputenv("CORVANE_TPM_TCTI", m_tpm.tcti().toUtf8());
         useScratchData();
         m_model = std::make_unique<AppModel>();
+        connect(m_model->status(), &StatusBanner::changed, this, [this] { m_log->add(m_model->status()->text()); });
         QTRY_VERIFY_WITH_TIMEOUT(m_model->locks()->canUnlockWithComputer(), s_slow);
         ChatTree *tree = m_model->tree();
         m_work = tree->addFolder(-1);
@@ -420,6 +428,8 @@ private Q_SLOTS:
         click("unlockSheetAlternative");
         QTRY_VERIFY_WITH_TIMEOUT(!shown("unlockSheet"), s_slow);
         QTRY_VERIFY(chatRow());
+        const QByteArray key(reinterpret_cast<const char *>(m_model->database().vaultKey()->data()), VaultKey::size);
+        m_secrets << QString::fromLatin1(key.toHex()) << QString::fromLatin1(key.toBase64());
     }
 
     void exportingAnOpenLockedFolderWarnsFirst()
@@ -451,6 +461,15 @@ private Q_SLOTS:
         QTRY_VERIFY(object("exportDestination")->property("visible").toBool());
         QVERIFY(!isOpened("unencryptedExportDialog"));
         QMetaObject::invokeMethod(object("exportDestination"), "reject");
+    }
+
+    void nothingSecretWasLogged()
+    {
+        QVERIFY(m_log->count() > 20); // the capture works: sheets, banners, polkit, the TPM
+        QVERIFY(!m_secrets.isEmpty());
+        const QStringList leaks = m_log->containing(
+            QStringList{s_password, s_resetPassword, s_changedPassword, m_recoveryKey} + m_secrets);
+        QVERIFY2(leaks.isEmpty(), qPrintable(leaks.join(QLatin1Char('\n'))));
     }
 };
 
