@@ -75,45 +75,42 @@ bool isForeignBlob(TSS2_RC rc)
     return !aboutSession;
 }
 
-/// The owner hierarchy's storage key: the same seed and template give the same key every
-/// time, so it is re-created for each call rather than kept in the TPM.
-TPM2B_PUBLIC storageKeyTemplate()
+/// A P-256 key bound to this TPM and its parent, made inside it, with an empty auth value
+/// (presence is checked before the TPM is asked), hence noDA: failed attempts against it must
+/// never count towards locking the TPM for the computer's other users of it.
+TPM2B_PUBLIC eccKeyTemplate(TPMA_OBJECT use, TPMT_SYM_DEF_OBJECT symmetric)
 {
     TPM2B_PUBLIC result{};
     TPMT_PUBLIC &area = result.publicArea;
     area.type = TPM2_ALG_ECC;
     area.nameAlg = TPM2_ALG_SHA256;
-    area.objectAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT
-        | TPMA_OBJECT_SENSITIVEDATAORIGIN | TPMA_OBJECT_USERWITHAUTH | TPMA_OBJECT_NODA
-        | TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_DECRYPT;
+    area.objectAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT | TPMA_OBJECT_SENSITIVEDATAORIGIN
+        | TPMA_OBJECT_USERWITHAUTH | TPMA_OBJECT_NODA | use;
     TPMS_ECC_PARMS &ecc = area.parameters.eccDetail;
-    ecc.symmetric.algorithm = TPM2_ALG_AES;
-    ecc.symmetric.keyBits.aes = 128;
-    ecc.symmetric.mode.aes = TPM2_ALG_CFB;
+    ecc.symmetric = symmetric;
     ecc.scheme.scheme = TPM2_ALG_NULL;
     ecc.curveID = TPM2_ECC_NIST_P256;
     ecc.kdf.scheme = TPM2_ALG_NULL;
     return result;
 }
 
-/// An unrestricted decryption key, which is what TPM2_ECDH_ZGen takes. Its auth value is
-/// empty (presence is checked before the TPM is asked), hence noDA: failed attempts against
-/// it must never count towards locking the TPM for the computer's other users of it.
+/// The owner hierarchy's storage key: the same seed and template give the same key every
+/// time, so it is re-created for each call rather than kept in the TPM.
+TPM2B_PUBLIC storageKeyTemplate()
+{
+    TPMT_SYM_DEF_OBJECT aes{};
+    aes.algorithm = TPM2_ALG_AES;
+    aes.keyBits.aes = 128;
+    aes.mode.aes = TPM2_ALG_CFB;
+    return eccKeyTemplate(TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_DECRYPT, aes);
+}
+
+/// An unrestricted decryption key, which is what TPM2_ECDH_ZGen takes.
 TPM2B_PUBLIC agreementKeyTemplate()
 {
-    TPM2B_PUBLIC result{};
-    TPMT_PUBLIC &area = result.publicArea;
-    area.type = TPM2_ALG_ECC;
-    area.nameAlg = TPM2_ALG_SHA256;
-    area.objectAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT
-        | TPMA_OBJECT_SENSITIVEDATAORIGIN | TPMA_OBJECT_USERWITHAUTH | TPMA_OBJECT_NODA
-        | TPMA_OBJECT_DECRYPT;
-    TPMS_ECC_PARMS &ecc = area.parameters.eccDetail;
-    ecc.symmetric.algorithm = TPM2_ALG_NULL;
-    ecc.scheme.scheme = TPM2_ALG_NULL;
-    ecc.curveID = TPM2_ECC_NIST_P256;
-    ecc.kdf.scheme = TPM2_ALG_NULL;
-    return result;
+    TPMT_SYM_DEF_OBJECT none{};
+    none.algorithm = TPM2_ALG_NULL;
+    return eccKeyTemplate(TPMA_OBJECT_DECRYPT, none);
 }
 
 /// A TSS context of its own for one call, closed with it.

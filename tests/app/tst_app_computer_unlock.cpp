@@ -7,9 +7,7 @@
 #include "storage/database.h"
 #include "support/await_task.h"
 #include "support/database_rows.h"
-#include "support/fake_polkit.h"
-#include "support/private_bus.h"
-#include "support/software_tpm.h"
+#include "support/computer_unlock_stand_ins.h"
 #include "vault/computer_key_provider.h"
 #include "vault/vault_record.h"
 
@@ -34,9 +32,7 @@ class TestAppComputerUnlock : public QObject
 
 private:
     QTemporaryDir m_dir;
-    PrivateBus m_bus;
-    std::unique_ptr<FakePolkit> m_polkit;
-    SoftwareTpm m_tpm;
+    ComputerUnlockStandIns m_standIns;
     std::unique_ptr<AppModel> m_model;
     qint64 m_diary = -1;
     qint64 m_chat = -1;
@@ -53,13 +49,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        const QString address = m_bus.start();
-        QVERIFY(!address.isEmpty());
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
-        m_polkit = std::make_unique<FakePolkit>(QDBusConnection::connectToBus(address, QStringLiteral("fake-polkit")));
-        QVERIFY(m_polkit->start());
-        QVERIFY2(m_tpm.start(), qPrintable(m_tpm.errorString()));
-        qputenv("CORVANE_TPM_TCTI", m_tpm.tcti().toUtf8());
+        const QString problem = m_standIns.start();
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
         qputenv("CORVANE_DATA_DIR", m_dir.path().toUtf8());
 
         m_model = std::make_unique<AppModel>();
@@ -78,7 +69,7 @@ private Q_SLOTS:
         QVERIFY(locks().unlocksWithComputer());
         QVERIFY(!diaryShown());
         // Making the seal asks the user nothing.
-        QVERIFY(m_polkit->checks().isEmpty() || !(m_polkit->checks().last().flags & FakePolkit::allowUserInteraction));
+        QVERIFY(m_standIns.polkit().checks().isEmpty() || !(m_standIns.polkit().checks().last().flags & FakePolkit::allowUserInteraction));
         // The stored record reads back as itself, byte for byte, seal included.
         const QString stored = storedVault();
         const std::optional<VaultRecord> record = VaultRecord::fromJson(stored.toUtf8());
@@ -111,11 +102,11 @@ private Q_SLOTS:
         QFETCH(QString, error);
         locks().lockAll();
         QVERIFY(!diaryShown() && !locks().isUnlocked());
-        m_polkit->setAnswer(FakePolkit::Answer(answer));
+        m_standIns.polkit().setAnswer(FakePolkit::Answer(answer));
         if (clearTpm)
-            QVERIFY(m_tpm.clear());
+            QVERIFY(m_standIns.tpm().clear());
         m_model->status()->show(QStringLiteral("Ready"));
-        const qsizetype asked = m_polkit->checks().size();
+        const qsizetype asked = m_standIns.polkit().checks().size();
 
         QCOMPARE(awaitTask(locks().unlockWithTouchID(open(m_diary))), opens);
         QCOMPARE(diaryShown(), opens);
@@ -124,8 +115,8 @@ private Q_SLOTS:
         if (!error.isEmpty())
             QCOMPARE(m_model->status()->text(), error);
         // The user is asked once, in a dialog, and the TPM only after a yes.
-        QCOMPARE(m_polkit->checks().size(), asked + 1);
-        QVERIFY(m_polkit->checks().last().flags & FakePolkit::allowUserInteraction);
+        QCOMPARE(m_standIns.polkit().checks().size(), asked + 1);
+        QVERIFY(m_standIns.polkit().checks().last().flags & FakePolkit::allowUserInteraction);
         // The password always still works.
         if (!opens) {
             QVERIFY(awaitTask(locks().unlock(s_password, open(m_diary))));
@@ -144,7 +135,7 @@ private Q_SLOTS:
 
         // On again: without the key, the password comes first; the seal is to the TPM as it is
         // now, so it opens again, and nothing stays open afterwards.
-        m_polkit->setAnswer(FakePolkit::Answer::Yes);
+        m_standIns.polkit().setAnswer(FakePolkit::Answer::Yes);
         locks().setUnlockWithComputer(true);
         QCOMPARE(locks().sheetKind(), int(LockSheet::Unlock));
         QCOMPARE(locks().sheetPurpose(), int(UnlockPurpose::TouchID));
@@ -161,9 +152,9 @@ private Q_SLOTS:
     {
         ComputerKeyProvider missing(QStringLiteral("swtpm:path=") + m_dir.filePath(QStringLiteral("no-tpm.sock")));
         QVERIFY(!awaitTask(missing.isAvailable()));
-        ComputerKeyProvider present(m_tpm.tcti());
+        ComputerKeyProvider present(m_standIns.tpm().tcti());
         QVERIFY(awaitTask(present.isAvailable()));
-        m_polkit->setAnswer(FakePolkit::Answer::NotInstalled);
+        m_standIns.polkit().setAnswer(FakePolkit::Answer::NotInstalled);
         QVERIFY(!awaitTask(present.isAvailable()));
     }
 };

@@ -9,10 +9,8 @@
 #include "qml_types.h"
 #include "sidebar_model.h"
 #include "storage/database.h"
-#include "support/fake_polkit.h"
+#include "support/computer_unlock_stand_ins.h"
 #include "support/log_capture.h"
-#include "support/private_bus.h"
-#include "support/software_tpm.h"
 #include "window_test_support.h"
 
 #include <QClipboard>
@@ -44,9 +42,7 @@ class TestLockWindow : public WindowTest
 private:
     std::unique_ptr<LogCapture> m_log;
     QStringList m_secrets; ///< the vault key as it would be written, once seen
-    PrivateBus m_systemBus;
-    std::unique_ptr<FakePolkit> m_polkit;
-    SoftwareTpm m_tpm;
+    ComputerUnlockStandIns m_standIns;
     qint64 m_work = -1;
     qint64 m_plans = -1;
     qint64 m_notes = -1;
@@ -108,13 +104,8 @@ private Q_SLOTS:
     {
         // Here, not earlier: the test's own message handler must be in place to pass warnings on.
         m_log = std::make_unique<LogCapture>();
-        const QString address = m_systemBus.start();
-        QVERIFY(!address.isEmpty());
-        qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
-        m_polkit = std::make_unique<FakePolkit>(QDBusConnection::connectToBus(address, QStringLiteral("fake-polkit")));
-        QVERIFY(m_polkit->start());
-        QVERIFY2(m_tpm.start(), qPrintable(m_tpm.errorString()));
-        qputenv("CORVANE_TPM_TCTI", m_tpm.tcti().toUtf8());
+        const QString problem = m_standIns.start();
+        QVERIFY2(problem.isEmpty(), qPrintable(problem));
         useScratchData();
         m_model = std::make_unique<AppModel>();
         connect(m_model->status(), &StatusBanner::changed, this, [this] { m_log->add(m_model->status()->text()); });
@@ -410,21 +401,21 @@ private Q_SLOTS:
 
         // The person at the computer says no: the sheet stays for the password, and that is
         // no error.
-        m_polkit->setAnswer(FakePolkit::Answer::No);
+        m_standIns.polkit().setAnswer(FakePolkit::Answer::No);
         click(folderRow(m_work));
         QTRY_VERIFY(isOpened("unlockSheet"));
         QCOMPARE(text("unlockSheetAlternative"), QStringLiteral("Use this computer"));
         savePicture(QStringLiteral("unlock-with-computer.png"));
-        const qsizetype asked = m_polkit->checks().size();
+        const qsizetype asked = m_standIns.polkit().checks().size();
         click("unlockSheetAlternative");
-        QTRY_COMPARE(m_polkit->checks().size(), asked + 1);
+        QTRY_COMPARE(m_standIns.polkit().checks().size(), asked + 1);
         QTRY_VERIFY(!locks()->isWorking());
         QVERIFY(isOpened("unlockSheet"));
         QVERIFY(!m_model->status()->isError());
         QVERIFY(!chatRow());
 
         // Yes: open without a password.
-        m_polkit->setAnswer(FakePolkit::Answer::Yes);
+        m_standIns.polkit().setAnswer(FakePolkit::Answer::Yes);
         click("unlockSheetAlternative");
         QTRY_VERIFY_WITH_TIMEOUT(!shown("unlockSheet"), s_slow);
         QTRY_VERIFY(chatRow());
