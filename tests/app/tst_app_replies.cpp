@@ -126,10 +126,13 @@ private Q_SLOTS:
             f.addRow(chat, fields[0], fields[1], fields[2], fields[3]);
         }
         f.tree().selectChat(chat);
+        // The title is the user's label, never the model's business.
+        f.tree().renameChat(chat, QStringLiteral("Quokkatitle"));
         f.send(QStringLiteral("next"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), s_replyTimeoutMs);
         QCOMPARE(f.status(), QStringLiteral("Ready"));
 
+        QVERIFY(!QJsonDocument(f.completions.last()).toJson().contains("Quokkatitle"));
         const QJsonArray sent = f.lastRequestMessages();
         const QString prompt = sent.first()[QStringLiteral("content")].toString();
         QVERIFY2(prompt.startsWith(QStringLiteral("Your name is Corvane.\n\nYou are a thoughtful, concise companion.")),
