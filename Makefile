@@ -32,11 +32,16 @@ screenshot: build
 clean:
 	rm -rf $(BUILD)
 
-# Every benchmark, one after the other; see docs/performance.md.
-# Into PREFIX, below DESTDIR when it is set (a package's staging folder).
-install: build
+# Into PREFIX, below DESTDIR when it is set (a package's staging folder). It installs what
+# make built and builds nothing: under sudo the dependency cache in the user's home is out of
+# reach, and a build as root would leave files in the build folder that the user cannot change.
+install:
+	@if [ ! -x "$(BUILD)/bin/corvane" ]; then \
+	  echo "Nothing to install: build first with make, then run sudo make install." >&2; exit 1; \
+	fi
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
 
+# Every benchmark, one after the other; see docs/performance.md.
 bench: build
 	@for b in $(BUILD)/bench/*; do \
 	  if [ -f "$$b" ] && [ -x "$$b" ]; then echo "== $$b"; "$$b" || exit 1; fi; \
