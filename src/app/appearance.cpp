@@ -4,6 +4,7 @@
 #include "platform/color_scheme.h"
 #include "storage/database.h"
 
+#include <QEvent>
 #include <QGuiApplication>
 #include <QPalette>
 
@@ -31,6 +32,9 @@ Appearance::Appearance(Database &database, StatusBanner &status, const QDBusConn
     if (stored && isChoice(*stored))
         m_choice = *stored;
     connect(m_watcher.get(), &ColorSchemeWatcher::changed, this, &Appearance::update);
+    // Desktops without the portal change the palette instead; follow that too.
+    if (QCoreApplication *application = QCoreApplication::instance())
+        application->installEventFilter(this);
     update();
 }
 
@@ -53,6 +57,13 @@ void Appearance::resetAfterErase()
     m_choice = s_system;
     update();
     Q_EMIT changed();
+}
+
+bool Appearance::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == QCoreApplication::instance() && event->type() == QEvent::ApplicationPaletteChange)
+        update();
+    return QObject::eventFilter(watched, event);
 }
 
 void Appearance::update()

@@ -10,21 +10,43 @@ namespace {
 
 constexpr qreal s_paragraphGap = 8;
 constexpr qreal s_codePadding = 10;
-// A grey wash, so that the box shows on the light and on the dark background alike.
-const QColor s_codeBackground(128, 128, 128, 36);
+constexpr const char *s_followsTheme = "corvaneFollowsTheme";
 
+// The Markdown import marks every line of a code block, fenced or indented, with its language
+// (empty when none); only fenced ones are also kept from wrapping.
 bool isCode(const QTextBlock &block)
 {
-    return block.isValid() && block.blockFormat().nonBreakableLines();
+    return block.isValid() && block.blockFormat().hasProperty(QTextFormat::BlockCodeLanguage);
 }
 
 } // namespace
+
+void MarkdownStyle::setCodeBackground(const QColor &colour)
+{
+    if (colour == m_codeBackground)
+        return;
+    m_codeBackground = colour;
+    Q_EMIT coloursChanged();
+}
+
+void MarkdownStyle::setLinkColor(const QColor &colour)
+{
+    if (colour == m_linkColor)
+        return;
+    m_linkColor = colour;
+    Q_EMIT coloursChanged();
+}
 
 void MarkdownStyle::apply(QQuickTextDocument *document)
 {
     if (m_applying || !document || !document->textDocument())
         return;
     const QScopedValueRollback guard(m_applying, true);
+    // A document styled once is restyled when the scheme changes, like the code colours.
+    if (!document->property(s_followsTheme).toBool()) {
+        document->setProperty(s_followsTheme, true);
+        connect(this, &MarkdownStyle::coloursChanged, document, [this, document] { apply(document); });
+    }
     QTextDocument *doc = document->textDocument();
     QTextCursor cursor(doc);
     cursor.beginEditBlock();
@@ -33,7 +55,7 @@ void MarkdownStyle::apply(QQuickTextDocument *document)
         const bool last = !block.next().isValid();
         if (isCode(block)) {
             // A code block arrives as one block per line: shade them as one box.
-            format.setBackground(s_codeBackground);
+            format.setBackground(m_codeBackground);
             format.setLeftMargin(s_codePadding);
             format.setRightMargin(s_codePadding);
             format.setTopMargin(isCode(block.previous()) ? 0 : s_paragraphGap / 2);
@@ -49,9 +71,21 @@ void MarkdownStyle::apply(QQuickTextDocument *document)
         if (isCode(block)) {
             // The text view draws no block backgrounds, so the characters carry the shade.
             QTextCharFormat shade;
-            shade.setBackground(s_codeBackground);
+            shade.setBackground(m_codeBackground);
             cursor.setPosition(block.position() + block.length() - 1, QTextCursor::KeepAnchor);
             cursor.mergeCharFormat(shade);
+        }
+        // Found first, recoloured after: a change of format may join or split fragments.
+        QList<std::pair<int, int>> links;
+        for (auto it = block.begin(); !it.atEnd(); ++it)
+            if (it.fragment().charFormat().isAnchor())
+                links.append({it.fragment().position(), it.fragment().length()});
+        QTextCharFormat link;
+        link.setForeground(m_linkColor);
+        for (const auto &[position, length] : links) {
+            cursor.setPosition(position);
+            cursor.setPosition(position + length, QTextCursor::KeepAnchor);
+            cursor.mergeCharFormat(link);
         }
     }
     cursor.endEditBlock();

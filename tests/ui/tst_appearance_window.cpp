@@ -2,7 +2,8 @@
 // tells the window the desktop's colour scheme and then changes it: the open window repaints
 // without a restart. The user's choice in Settings wins over the desktop. Every text colour
 // of the theme, and the code colours, keep WCAG AA contrast on every background they are
-// drawn on, in both schemes; pictures of both are saved with the other test pictures.
+// drawn on, in both schemes, and links in messages take the theme's accent; pictures of both
+// are saved with the other test pictures.
 #include "support/database_rows.h"
 #include "support/private_bus.h"
 #include "support/test_chat_model.h"
@@ -16,8 +17,13 @@
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QFile>
+#include <QGuiApplication>
+#include <QPalette>
 #include <QProcess>
 #include <QQmlComponent>
+#include <QQuickTextDocument>
+#include <QTextBlock>
+#include <QTextDocument>
 
 namespace {
 
@@ -88,8 +94,8 @@ private:
                           "  property var colours: ({ window: Theme.window, surface: Theme.surface, text: Theme.text,\n"
                           "    secondaryText: Theme.secondaryText, accent: Theme.accent, error: Theme.error,\n"
                           "    errorBackground: Theme.errorBackground, sidebar: Theme.sidebar, selection: Theme.selection,\n"
-                          "    folderSelection: Theme.folderSelection, userBubble: Theme.userBubble, found: Theme.found,\n"
-                          "    codeBackground: Theme.codeBackground })\n}\n",
+                          "    folderSelection: Theme.folderSelection, hover: Theme.hover, userBubble: Theme.userBubble,\n"
+                          "    found: Theme.found, codeBackground: Theme.codeBackground })\n}\n",
                           QUrl(QStringLiteral("qrc:/qt/qml/Corvane/ThemeProbe.qml")));
         std::unique_ptr<QObject> object(component.create());
         return object ? object->property("colours").toMap() : QVariantMap();
@@ -115,7 +121,8 @@ private Q_SLOTS:
         Message reply;
         reply.chatID = chat;
         reply.role = QStringLiteral("assistant");
-        reply.body = QStringLiteral("Here is one:\n\n```python\n# count up\nfor i in range(3):\n    print(\"n\", i)\n```\n");
+        reply.body = QStringLiteral("Here is one:\n\n```python\n# count up\nfor i in range(3):\n    print(\"n\", i)\n```\n\n"
+                                    "Or indented, shaded inside the text:\n\n    while True: pass\n\nSee [the docs](https://docs.python.org).\n");
         reply.createdAt = QStringLiteral("2026-11-24T10:00:00Z");
         m_model->database().addMessage(reply);
         m_model->tree()->reload();
@@ -135,6 +142,14 @@ private Q_SLOTS:
         QVERIFY(!m_model->appearance()->isDark());
         QVERIFY(drawnBackground().lightness() > 200);
         savePicture(QStringLiteral("main-window-light.png"));
+        // A desktop without the portal that turns dark changes the palette instead.
+        const QPalette light = QGuiApplication::palette();
+        QPalette dark = light;
+        dark.setColor(QPalette::Window, QColor(0x20, 0x20, 0x24));
+        QGuiApplication::setPalette(dark);
+        QTRY_VERIFY(m_model->appearance()->isDark());
+        QGuiApplication::setPalette(light);
+        QTRY_VERIFY(!m_model->appearance()->isDark());
 
         setDesktopScheme(1);
         QTRY_VERIFY(m_model->appearance()->isDark());
@@ -188,10 +203,13 @@ private Q_SLOTS:
         QVERIFY(!colours.isEmpty());
         const auto colour = [&](const QString &name) { return colours.value(name).value<QColor>(); };
         // Each text colour on each background it is drawn on: 4.5 to 1 is WCAG AA for text.
+        // The accent is text too: search matches on the hit rows, links in messages.
         const QList<std::pair<QString, QStringList>> pairs = {
-            {"text", {"window", "surface", "sidebar", "selection", "folderSelection", "userBubble", "found", "codeBackground"}},
-            {"secondaryText", {"window", "surface", "sidebar", "selection", "folderSelection", "userBubble"}},
-            {"accent", {"window", "surface"}},
+            {"text", {"window", "surface", "sidebar", "selection", "folderSelection", "hover", "userBubble", "found",
+                      "codeBackground"}},
+            {"secondaryText", {"window", "surface", "sidebar", "selection", "folderSelection", "hover", "userBubble",
+                               "found"}},
+            {"accent", {"window", "surface", "selection", "folderSelection", "userBubble", "found"}},
             {"error", {"window", "surface", "errorBackground"}},
         };
         QStringList faint;
@@ -204,6 +222,17 @@ private Q_SLOTS:
             if (const double ratio = contrast(c, colour("codeBackground")); ratio < 4.5)
                 faint << QStringLiteral("code %1 on codeBackground: %2").arg(c.name()).arg(ratio, 0, 'f', 2);
         QVERIFY2(faint.isEmpty(), qPrintable(faint.join(QStringLiteral("; "))));
+
+        // Links in a message take the accent, not the application palette's blue.
+        QStringList links;
+        for (QQuickItem *text : findItems(m_window, QStringLiteral("messageText"))) {
+            const QTextDocument *document = text->property("textDocument").value<QQuickTextDocument *>()->textDocument();
+            for (QTextBlock block = document->begin(); block.isValid(); block = block.next())
+                for (auto it = block.begin(); !it.atEnd(); ++it)
+                    if (it.fragment().charFormat().isAnchor())
+                        links << it.fragment().charFormat().foreground().color().name();
+        }
+        QCOMPARE(links, QStringList{colour("accent").name()});
     }
 };
 

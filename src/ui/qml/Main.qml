@@ -29,6 +29,16 @@ ApplicationWindow {
         property: "dark"
         value: AppModel.appearance.isDark
     }
+    Binding {
+        target: MarkdownStyle
+        property: "codeBackground"
+        value: Theme.codeBackground
+    }
+    Binding {
+        target: MarkdownStyle
+        property: "linkColor"
+        value: Theme.accent
+    }
     palette {
         window: Theme.window
         windowText: Theme.text

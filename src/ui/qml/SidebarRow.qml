@@ -98,7 +98,7 @@ Item {
         height: row.height
         radius: 4
         color: row.isSelected ? (row.isFolder ? Theme.folderSelection : Theme.selection)
-                              : (mouse.containsMouse ? Qt.rgba(0, 0, 0, 0.04) : "transparent")
+                              : (mouse.containsMouse ? Theme.hover : "transparent")
 
         // The keyboard's place in the tree.
         Rectangle {
