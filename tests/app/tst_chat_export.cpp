@@ -1,6 +1,7 @@
 // Exporting a folder with everything inside it, as Markdown and as JSON, into a real folder:
-// the layout, what a chat file says, names that clash or cannot be file names, and an export
-// that fails half-way leaving nothing behind. Locked folders are covered in tst_app_locks.
+// the layout, what a chat file says, names that clash or cannot be file names, an export that
+// fails half-way leaving nothing behind, and a tree holding a locked folder, closed and open.
+// A locked folder exported on its own is covered in tst_app_locks.
 #include "app/app_model.h"
 #include "support/await_task.h"
 #include "support/database_rows.h"
@@ -40,6 +41,8 @@ private:
     QTemporaryDir m_data;
     std::unique_ptr<AppModel> m_model;
     qint64 m_work = -1;
+    qint64 m_home = -1; ///< a plain chat and the locked folder "Diary"
+    qint64 m_diary = -1;
 
     Database &db() { return m_model->database(); }
 
@@ -78,6 +81,15 @@ private Q_SLOTS:
         db().addMessage(reply, QStringLiteral(R"({"model":"test-chat","speed":{"tokens_per_second":30}})"));
         chatIn(m_work, QStringLiteral("Same"));
         chatIn(plans, QStringLiteral(".hidden/odd\tname"));
+
+        m_home = tree.addFolder(ChatTree::none);
+        tree.renameNode(m_home, QStringLiteral("Home"));
+        addMessage(db(), chatIn(m_home, QStringLiteral("Shopping")), QStringLiteral("bread and milk"));
+        m_diary = tree.addFolder(m_home);
+        tree.renameNode(m_diary, QStringLiteral("Diary"));
+        addMessage(db(), chatIn(m_diary, QStringLiteral("Secret")), QStringLiteral("quokkaplasma"));
+        // Locked, and closed once the lock is in place.
+        QVERIFY(awaitTask(m_model->locks()->createVault(QStringLiteral("correct horse"), m_diary)));
     }
 
     void exportedTree_data()
@@ -121,6 +133,40 @@ private Q_SLOTS:
             QCOMPARE(messages[2]["text"].toString(), "A fox.\n\n```\nfox()\n```");
             QCOMPARE(messages[2]["metadata"]["model"].toString(), "test-chat");
         }
+    }
+
+    void aTreeWithALockedFolder_data()
+    {
+        QTest::addColumn<bool>("open");
+        QTest::addColumn<QString>("refusal");
+        QTest::addColumn<QStringList>("files");
+        // Closed, the whole tree is refused: a part of it would pass for all of it.
+        QTest::newRow("closed") << false << "Open the locked folder “Diary” to export it" << QStringList();
+        QTest::newRow("open") << true << "" << QStringList{"Home/Diary/Secret.md", "Home/Shopping.md"};
+    }
+
+    void aTreeWithALockedFolder()
+    {
+        QFETCH(bool, open);
+        QFETCH(QString, refusal);
+        QFETCH(QStringList, files);
+        FolderLocks &locks = *m_model->locks();
+        if (open)
+            QVERIFY(awaitTask(locks.unlock(QStringLiteral("correct horse"),
+                                           {.kind = UnlockPurpose::Open, .folderID = m_diary})));
+        else
+            locks.lockAll();
+        QTemporaryDir destination;
+        QString refused;
+        try {
+            awaitTask(m_model->chatExport()->exportTo("folder", m_home, destination.path(), "markdown"));
+        } catch (const ExportError &error) {
+            refused = error.description();
+        }
+        QCOMPARE(refused, refusal);
+        QCOMPARE(filesBelow(destination.path()), files);
+        QCOMPARE(contents(destination.filePath("Home/Diary/Secret.md")).contains("quokkaplasma"), open);
+        QCOMPARE(contents(destination.filePath("Home/Shopping.md")).contains("bread and milk"), open);
     }
 
     void aFailedExportLeavesNothing()
