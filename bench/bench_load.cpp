@@ -118,9 +118,15 @@ int main(int argc, char *argv[])
         measuring = true;
         sampler.start();
         searcher.start();
+        // The deletion first: none is taken while a reply runs, but a reply may start while
+        // a deletion's rows are being removed.
+        appModel.tree()->deleteFolder(folder);
         appModel.chat()->setComposer(QStringLiteral("Write me something long."));
         appModel.chat()->send();
-        appModel.tree()->deleteFolder(folder);
+        if (!appModel.tree()->isPurging() || !appModel.chat()->isGenerating()) {
+            std::fprintf(stderr, "bench_load: the deletion or the reply did not start\n");
+            return 1;
+        }
         QElapsedTimer clock;
         clock.start();
         QEventLoop loop;

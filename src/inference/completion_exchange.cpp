@@ -3,9 +3,11 @@
 #include "inference/inference_engine.h"
 
 #include "inference/inference_error.h"
+#include "platform/worker_thread.h"
 #include "inference/pending_reply.h"
 
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QNetworkReply>
@@ -57,20 +59,34 @@ QNetworkRequest InferenceEngine::request(const QString &path) const
 QCoro::Task<QJsonObject> InferenceEngine::postJSON(QString path, QJsonObject body)
 {
     const QNetworkRequest post = request(path);
-    const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    const QPointer<InferenceEngine> alive(this);
+    // A long chat's request and the server's answer (a prompt's every token) run to megabytes:
+    // writing and reading them would hold the window up, so a worker thread does it.
+    QCoro::Task<QByteArray> writing = onWorkerThread<QByteArray>([body = std::move(body)] {
+        return QJsonDocument(body).toJson(QJsonDocument::Compact);
+    });
+    const QByteArray payload = co_await writing;
+    if (!alive)
+        throw CancelledError();
     Q_EMIT requestSent(path, payload);
     PendingReply reply(m_network.post(post, payload));
     co_await reply.get();
     reply.throwIfGone();
     if (httpStatus(reply.get()).toInt() != 200)
         throwFailure(reply.get());
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(reply->readAll(), &parseError);
-    if (parseError.error != QJsonParseError::NoError)
-        throw SystemError(parseError.errorString());
-    if (!document.isObject())
-        throw InferenceError::invalidServerResponse();
-    co_return document.object();
+    QCoro::Task<QJsonObject> reading = onWorkerThread<QJsonObject>([answer = reply->readAll()] {
+        QJsonParseError parseError;
+        const QJsonDocument document = QJsonDocument::fromJson(answer, &parseError);
+        if (parseError.error != QJsonParseError::NoError)
+            throw SystemError(parseError.errorString());
+        if (!document.isObject())
+            throw InferenceError::invalidServerResponse();
+        return document.object();
+    });
+    QJsonObject object = co_await reading;
+    if (!alive)
+        throw CancelledError();
+    co_return object;
 }
 
 QCoro::Task<ReplySpeed> InferenceEngine::stream(QJsonArray messages, int maxTokens, double temperature,
@@ -86,7 +102,14 @@ QCoro::Task<ReplySpeed> InferenceEngine::stream(QJsonArray messages, int maxToke
     };
     cancel.throwIfCancelled();
     const QString path = QStringLiteral("/v1/chat/completions");
-    const QByteArray payload = QJsonDocument(body).toJson(QJsonDocument::Compact);
+    QCoro::Task<QByteArray> writing = onWorkerThread<QByteArray>([body] {
+        return QJsonDocument(body).toJson(QJsonDocument::Compact);
+    });
+    const QPointer<InferenceEngine> alive(this);
+    const QByteArray payload = co_await writing;
+    if (!alive)
+        throw CancelledError();
+    cancel.throwIfCancelled();
     Q_EMIT requestSent(path, payload);
     PendingReply reply(m_network.post(request(path), payload));
     QElapsedTimer sent;
