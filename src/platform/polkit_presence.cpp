@@ -5,13 +5,11 @@
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QLoggingCategory>
-#include <QObject>
 #include <QVariantMap>
 
 #include <QCoro/QCoroDBusPendingCall>
 
 #include <atomic>
-#include <memory>
 
 Q_LOGGING_CATEGORY(lcPolkit, "corvane.polkit")
 
@@ -144,10 +142,9 @@ QCoro::Task<bool> PolkitPresence::isAvailable()
     co_return result.authorized || result.challenge;
 }
 
-QCoro::Task<bool> PolkitPresence::confirm(CancellationToken cancel)
+QCoro::Task<bool> PolkitPresence::confirm()
 {
     const QDBusConnection bus = m_bus;
-    cancel.throwIfCancelled();
     if (!bus.isConnected()) {
         qCWarning(lcPolkit) << "no system bus:" << bus.lastError().message();
         throw PolkitError();
@@ -156,13 +153,7 @@ QCoro::Task<bool> PolkitPresence::confirm(CancellationToken cancel)
     const QString cancellationId = nextCancellationId();
     const QDBusPendingCall pending =
         bus.asyncCall(checkCall(bus, s_allowUserInteraction, cancellationId), s_interactiveTimeoutMs);
-    // Lives as long as this check waits: a cancellation after it has ended asks nothing.
-    const auto waiting = std::make_unique<QObject>();
-    cancel.onCancel(waiting.get(), [bus, cancellationId] { cancelCheck(bus, cancellationId); });
-
     const QDBusMessage reply = co_await pending;
-    // polkit ends a cancelled check with a plain refusal; the caller asked to stop, not the user.
-    cancel.throwIfCancelled();
     const Answer result = answer(reply);
     if (!result.valid) {
         qCWarning(lcPolkit) << "polkit could not check" << actionId() << ":" << describe(reply);

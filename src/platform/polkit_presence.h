@@ -1,6 +1,5 @@
 #pragma once
 
-#include "platform/cancellation.h"
 #include "platform/error.h"
 
 #include <QDBusConnection>
@@ -44,12 +43,10 @@ public:
 
     /// Lets polkit ask the user, which may take minutes. True when the user passed; false when
     /// they failed or dismissed the dialog (the caller simply stays locked). Throws PolkitError
-    /// when polkit cannot be asked, answers with an error or has no agent to show a dialog, and
-    /// CancelledError once `cancel` is cancelled, after asking polkit to close its dialog.
-    ///
-    /// Destroying the returned task does not end the check; cancel it through `cancel`. When
-    /// the application quits, polkit closes the dialog itself, since our name left the bus.
-    QCoro::Task<bool> confirm(CancellationToken cancel = CancellationToken());
+    /// when polkit cannot be asked, answers with an error or has no agent to show a dialog.
+    /// When the application quits meanwhile, polkit closes the dialog itself, since our name
+    /// left the bus.
+    QCoro::Task<bool> confirm();
 
 private:
     QDBusConnection m_bus;

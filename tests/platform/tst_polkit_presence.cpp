@@ -19,7 +19,7 @@ const QString s_noBusConnection = QStringLiteral("no-bus");
 
 /// Where the question goes: the stand-in polkit, a bus where nothing answers for polkit, no bus.
 enum class Bus { Polkit, NoPolkit, None };
-enum class Outcome { Confirmed, Declined, Fails, Cancelled };
+enum class Outcome { Confirmed, Declined, Fails };
 
 } // namespace
 
@@ -47,8 +47,6 @@ private:
     {
         try {
             return awaitTask(std::move(confirming)) ? Outcome::Confirmed : Outcome::Declined;
-        } catch (const CancelledError &) {
-            return Outcome::Cancelled;
         } catch (const PolkitError &) {
             return Outcome::Fails;
         }
@@ -111,7 +109,7 @@ private Q_SLOTS:
         if (!polkit)
             return;
         // Both asked about our action for ourselves, by our name on the bus; only the
-        // confirmation may show a dialog, and it can be called off.
+        // confirmation may show a dialog.
         const QList<FakePolkit::Check> checks = polkit->checks();
         QCOMPARE(checks.size(), 2);
         for (const FakePolkit::Check &check : checks) {
@@ -122,41 +120,6 @@ private Q_SLOTS:
         QCOMPARE(checks[0].flags, 0u);
         QCOMPARE(checks[1].flags, FakePolkit::allowUserInteraction);
         QVERIFY(!checks[1].cancellationId.isEmpty());
-    }
-
-    void openDialog_data()
-    {
-        QTest::addColumn<bool>("cancel");
-        QTest::addColumn<bool>("userPasses");
-        QTest::addColumn<Outcome>("outcome");
-        QTest::newRow("the user passes") << false << true << Outcome::Confirmed;
-        QTest::newRow("the user fails") << false << false << Outcome::Declined;
-        QTest::newRow("called off") << true << false << Outcome::Cancelled;
-    }
-
-    // A dialog that stays open until the user answers or the application calls it off.
-    void openDialog()
-    {
-        QFETCH(bool, cancel);
-        QFETCH(bool, userPasses);
-        QFETCH(Outcome, outcome);
-        const std::unique_ptr<FakePolkit> polkit = startPolkit(FakePolkit::Answer::Wait);
-        QVERIFY(polkit);
-        CancellationToken token;
-        QCoro::Task<bool> confirming = PolkitPresence().confirm(token);
-        QTRY_COMPARE(polkit->waitingCount(), 1);
-
-        if (cancel)
-            token.cancel();
-        else
-            polkit->answerWaiting(userPasses);
-        // Closed by the answer, or by the asker calling it off.
-        QTRY_COMPARE(polkit->waitingCount(), 0);
-        QCOMPARE(ending(std::move(confirming)), outcome);
-
-        // Called off by the id the check was given.
-        QCOMPARE(polkit->cancellations(),
-                 cancel ? QStringList{polkit->checks().constLast().cancellationId} : QStringList());
     }
 };
 

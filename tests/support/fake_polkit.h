@@ -1,8 +1,8 @@
 #pragma once
 
 // A stand-in for polkit's authority (org.freedesktop.PolicyKit1 at
-// /org/freedesktop/PolicyKit1/Authority): CheckAuthorization and CancelCheckAuthorization, with
-// the answers and errors polkitd gives, recording every check it is asked.
+// /org/freedesktop/PolicyKit1/Authority): CheckAuthorization, with the answers and errors
+// polkitd gives, recording every check it is asked.
 //
 // Setting it up as the system bus's polkit, for code that uses QDBusConnection::systemBus():
 //
@@ -47,7 +47,6 @@ public:
         Forbidden,    ///< a local rule refuses the action without asking anyone
         NotInstalled, ///< the action is unknown: every check is polkitd's error for that
         NoAgent,      ///< no authentication agent runs, so no dialog can be shown
-        Wait,         ///< dialogs stay open until answerWaiting() or the asker cancels
     };
 
     /// One CheckAuthorization as it arrived.
@@ -77,10 +76,6 @@ public:
 
     ~FakePolkit() override
     {
-        // What an asker sees when polkitd goes away in the middle of a dialog.
-        for (const Waiting &waiting : std::as_const(m_waiting))
-            m_bus.send(waiting.call.createErrorReply(QDBusError::NoReply,
-                                                     QStringLiteral("polkit went away")));
         m_bus.unregisterObject(path());
         m_bus.unregisterService(service());
     }
@@ -94,17 +89,6 @@ public:
 
     void setAnswer(Answer answer) { m_answer = answer; }
     const QList<Check> &checks() const { return m_checks; }
-    /// The cancellation ids of CancelCheckAuthorization calls, found or not.
-    const QStringList &cancellations() const { return m_cancellations; }
-    qsizetype waitingCount() const { return m_waiting.size(); }
-
-    /// Closes every open dialog with the user's answer.
-    void answerWaiting(bool authorized)
-    {
-        const QList<Waiting> waiting = std::exchange(m_waiting, {});
-        for (const Waiting &w : waiting)
-            m_bus.send(result(w.call, authorized, false, {}));
-    }
 
     QString introspect(const QString &) const override
     {
@@ -127,20 +111,15 @@ public:
             return true;
         }
         if (message.member() == u"CancelCheckAuthorization") {
-            cancel(message);
+            // Every check here is answered at once, so none is left to cancel.
+            m_bus.send(failed(message, QStringLiteral("No such cancellation_id `%1' for name %2")
+                                           .arg(message.arguments().value(0).toString(), message.service())));
             return true;
         }
         return false;
     }
 
 private:
-    struct Waiting
-    {
-        QDBusMessage call;
-        QString sender;
-        QString cancellationId;
-    };
-
     static QDBusMessage result(const QDBusMessage &call, bool authorized, bool challenge,
                                const QMap<QString, QString> &details)
     {
@@ -182,16 +161,6 @@ private:
             m_bus.send(failed(message, QStringLiteral("Action %1 is not registered").arg(check.actionId)));
             return;
         }
-        for (const Waiting &waiting : std::as_const(m_waiting)) {
-            if (!check.cancellationId.isEmpty() && waiting.sender == check.sender
-                && waiting.cancellationId == check.cancellationId) {
-                m_bus.send(message.createErrorReply(
-                    QStringLiteral("org.freedesktop.PolicyKit1.Error.CancellationIdNotUnique"),
-                    QStringLiteral("Given cancellation_id %1 is already in use for name %2")
-                        .arg(check.cancellationId, check.sender)));
-                return;
-            }
-        }
         const bool interactive = check.flags & allowUserInteraction;
         if (m_answer == Answer::Forbidden) {
             m_bus.send(result(message, false, false, {}));
@@ -201,9 +170,6 @@ private:
         } else if (m_answer == Answer::NoAgent) {
             // polkitd's answer when it finds no agent to ask: the challenge is still open.
             m_bus.send(result(message, false, true, {}));
-        } else if (m_answer == Answer::Wait) {
-            message.setDelayedReply(true);
-            m_waiting.append({message, check.sender, check.cancellationId});
         } else if (m_answer == Answer::Yes) {
             m_bus.send(result(message, true, false, {}));
         } else {
@@ -211,27 +177,8 @@ private:
         }
     }
 
-    void cancel(const QDBusMessage &message)
-    {
-        const QString id = message.arguments().value(0).toString();
-        m_cancellations.append(id);
-        // Ids belong to the name that gave them.
-        for (qsizetype i = 0; i < m_waiting.size(); ++i) {
-            if (m_waiting[i].sender == message.service() && m_waiting[i].cancellationId == id) {
-                const Waiting waiting = m_waiting.takeAt(i);
-                // polkitd ends a cancelled dialog as a failed one, not as an error.
-                m_bus.send(result(waiting.call, false, false, {}));
-                m_bus.send(message.createReply());
-                return;
-            }
-        }
-        m_bus.send(failed(message, QStringLiteral("No such cancellation_id `%1' for name %2").arg(id, message.service())));
-    }
-
     QDBusConnection m_bus;
     QString m_action;
     Answer m_answer = Answer::Yes;
     QList<Check> m_checks;
-    QStringList m_cancellations;
-    QList<Waiting> m_waiting;
 };
