@@ -6,7 +6,7 @@
 // before, at its highest during, and after each round. The reply comes from the stand-in
 // llama-server (this program sits beside it in build/fake-runtime/), which sends one piece
 // every 10 ms; the window draws with the offscreen platform and the software renderer.
-#include "bench_support.h"
+#include "long_chat_window.h"
 #include "app/app_model.h"
 #include "app/search.h"
 #include "qml_types.h"
@@ -69,17 +69,8 @@ int main(int argc, char *argv[])
     if (catalogue.isEmpty())
         return 1;
     AppModel appModel(catalogue);
-    appModel.tree()->addChat(ChatTree::none);
-    const qint64 chat = appModel.tree()->selectedChatID();
-    addConversation(appModel.database(), chat, 10000,
-                    QStringLiteral("Message %1 with **some bold words** about apples, a list:\n\n- one\n- two\n\n"
-                                   "and `a little code`."));
-    appModel.tree()->selectChat(chat);
-
-    AppModelSingleton::instance = &appModel;
     QQmlApplicationEngine engine;
-    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
-    auto *window = engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
+    QQuickWindow *window = openLongChatWindow(appModel, engine);
     if (!window)
         return 1;
 

@@ -4,7 +4,7 @@
 // program sits beside it in build/fake-runtime/), which sends one piece every 10 ms, so the
 // measurement is of the window, not of a model. Drawn with the offscreen platform and Qt
 // Quick's software renderer, as on a machine without a GPU.
-#include "bench_support.h"
+#include "long_chat_window.h"
 #include "app/app_model.h"
 #include "qml_types.h"
 #include "inference/inference_engine.h"
@@ -52,18 +52,8 @@ int main(int argc, char *argv[])
     if (catalogue.isEmpty())
         return 1;
     AppModel appModel(catalogue);
-    appModel.tree()->addChat(ChatTree::none);
-    const qint64 chat = appModel.tree()->selectedChatID();
-    Database &db = appModel.database();
-    addConversation(db, chat, 10000,
-                    QStringLiteral("Message %1 with **some bold words**, a list:\n\n- one\n- two\n\n"
-                                   "and `a little code`."));
-    appModel.tree()->selectChat(chat);
-
-    AppModelSingleton::instance = &appModel;
     QQmlApplicationEngine engine;
-    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Corvane/Main.qml")));
-    auto *window = engine.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow *>(engine.rootObjects().first());
+    QQuickWindow *window = openLongChatWindow(appModel, engine);
     if (!window)
         return 1;
 
