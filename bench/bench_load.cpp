@@ -64,15 +64,11 @@ int main(int argc, char *argv[])
     useStandInReply(s_pieces);
     QGuiApplication app(argc, argv);
 
-    QTemporaryDir dir;
-    const QList<ModelSpec> catalogue = standInChatModel(dir.path());
-    if (catalogue.isEmpty())
+    LongChatWindowBench bench;
+    if (!bench.open())
         return 1;
-    AppModel appModel(catalogue);
-    QQmlApplicationEngine engine;
-    QQuickWindow *window = openLongChatWindow(appModel, engine);
-    if (!window)
-        return 1;
+    AppModel &appModel = *bench.model;
+    QQuickWindow *window = bench.window;
 
     Round current;
     bool measuring = false;

@@ -85,7 +85,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("error"); ///< the banner's error, empty for none
         QTest::newRow("the user confirms") << int(FakePolkit::Answer::Yes) << false << true << QString();
         QTest::newRow("the user says no") << int(FakePolkit::Answer::No) << false << false << QString();
-        QTest::newRow("a local rule forbids it") << int(FakePolkit::Answer::Forbidden) << false << false << QString();
         QTest::newRow("no agent to ask") << int(FakePolkit::Answer::NoAgent) << false << false
                                          << QStringLiteral("Your computer could not check that it's you");
         // Last: clearing destroys the TPM's keys for good.
@@ -152,10 +151,6 @@ private Q_SLOTS:
     {
         ComputerKeyProvider missing(QStringLiteral("swtpm:path=") + m_dir.filePath(QStringLiteral("no-tpm.sock")));
         QVERIFY(!awaitTask(missing.isAvailable()));
-        ComputerKeyProvider present(m_standIns.tpm().tcti());
-        QVERIFY(awaitTask(present.isAvailable()));
-        m_standIns.polkit().setAnswer(FakePolkit::Answer::NotInstalled);
-        QVERIFY(!awaitTask(present.isAvailable()));
     }
 };
 
