@@ -65,6 +65,12 @@ int main(int argc, char *argv[])
     case SingleInstance::Claim::Running:
         break;
     case SingleInstance::Claim::HandedOff:
+        // The running window came forward; a picture asked of this start would never be drawn.
+        if (parser.isSet(screenshot)) {
+            qCritical().noquote() << "Corvane is already running with this data folder, so no picture was"
+                                     " saved: quit it, or set CORVANE_DATA_DIR to another folder.";
+            return 1;
+        }
         return 0;
     case SingleInstance::Claim::NotAnswered:
         qCritical().noquote() << "Corvane is already running with this data folder but does not answer:"
