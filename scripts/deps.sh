@@ -101,33 +101,116 @@ if [ ! -f "$sqlite_dir/.complete" ]; then
 fi
 
 # ---------------------------------------------------------------- llama.cpp
-# CPU only, static, no web UI (neither built nor downloaded), no HTTPS and so no model
-# downloads from inside the server. A fixed x86-64 instruction set rather than -march=native
-# keeps the cached binaries valid if the cache moves to another machine.
+# No web UI (neither built nor downloaded), no HTTPS and so no model downloads from inside
+# the server. The compute backends are modules that llama-server loads at start from its
+# own folder: every CPU variant (it picks the best one the processor runs) and a GPU module
+# where its toolchain is here. Everything stays private beside llama-server (RPATH $ORIGIN).
+llama_opts=(-DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DGGML_NATIVE=OFF
+  -DGGML_CPU_ALL_VARIANTS=ON "-DCMAKE_INSTALL_RPATH=\$ORIGIN" -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON
+  -DLLAMA_BUILD_TESTS=ON -DLLAMA_BUILD_TOOLS=ON -DLLAMA_BUILD_SERVER=ON -DLLAMA_BUILD_EXAMPLES=OFF
+  -DLLAMA_BUILD_APP=OFF -DLLAMA_BUILD_UI=OFF -DLLAMA_USE_PREBUILT_UI=OFF -DLLAMA_OPENSSL=OFF
+  -DLLAMA_LLGUIDANCE=OFF -DGGML_OPENMP=OFF -DGGML_BLAS=OFF)
+llama_ver=${version[node-llama-cpp]}
+llama_src="$cache/llama.cpp-$llama_ver-src"
+if [ ! -f "$llama_src/.complete" ]; then
+  rm -rf "$llama_src"
+  git clone -q "$cache/node-llama-cpp-$llama_ver/llama/gitRelease.bundle" "$llama_src" 2>/dev/null
+  touch "$llama_src/.complete"
+fi
+
+# build_llama DIR WHAT TARGETS... -- OPTIONS...: configures the pinned sources with OPTIONS and
+# keeps the built programs and libraries in DIR/lib.
+build_llama() {
+  local dir=$1 what=$2; shift 2
+  local targets=(); while [ "$1" != -- ]; do targets+=("$1"); shift; done; shift
+  log "building $what from node-llama-cpp $llama_ver (several minutes)"
+  rm -rf "$dir" && mkdir -p "$dir/lib"
+  cmake -S "$llama_src" -B "$dir/build" "$@" >"$dir/configure.log" 2>&1 \
+    || { tail -30 "$dir/configure.log" >&2; exit 1; }
+  if [ "${targets[0]}" = cpu-variants ]; then
+    # One target per CPU variant; their names depend on the processor family.
+    mapfile -t variants < <(cmake --build "$dir/build" --target help | sed -n 's/^\.\.\. \(ggml-cpu-[^ ]*\).*/\1/p')
+    targets=("${targets[@]:1}" "${variants[@]}")
+  fi
+  cmake --build "$dir/build" -j "$jobs" --target "${targets[@]}" >"$dir/build.log" 2>&1 \
+    || { tail -40 "$dir/build.log" >&2; exit 1; }
+  cp -a "$dir/build/bin/"*.so* "$dir/lib/"
+  for t in "${targets[@]}"; do [ -f "$dir/build/bin/$t" ] && cp -a "$dir/build/bin/$t" "$dir/lib/"; done
+  printf '%s\n' "$@" > "$dir/options.txt"
+  rm -rf "$dir/build"
+  touch "$dir/.complete"
+}
+
+llama_dir="$cache/llama.cpp-$llama_ver-$(stamp_key "${llama_opts[@]}")"
+[ -f "$llama_dir/.complete" ] || \
+  build_llama "$llama_dir" "llama-server" cpu-variants llama-server test-llama-archs -- "${llama_opts[@]}"
+
+# GPU modules, each built apart and cached under its own options. A module whose runtime is
+# missing at run time (no driver) is skipped by llama-server, which then runs on the CPU.
+# CORVANE_GPU_MODULES (auto, none, or a list of cuda and vulkan) overrides what is found.
+gpu_modules=${CORVANE_GPU_MODULES:-auto}
+nvcc=$(command -v nvcc || true)
+[ -z "$nvcc" ] && [ -x /usr/local/cuda/bin/nvcc ] && nvcc=/usr/local/cuda/bin/nvcc
+# The pinned sources compile two shaders with cooperative matrices whatever glslc supports;
+# Debian 12's glslc (shaderc 2023.2) does not know them, so it cannot build the module.
+glslc_is_recent() {
+  local dir; dir=$(mktemp -d)
+  printf '#version 450\n#extension GL_KHR_cooperative_matrix : require\nvoid main() {}\n' > "$dir/t.comp"
+  if glslc -fshader-stage=compute --target-env=vulkan1.2 "$dir/t.comp" -o "$dir/t.spv" 2>/dev/null; then
+    rm -rf "$dir"; return 0
+  fi
+  rm -rf "$dir"
+  log "no Vulkan module: this glslc lacks GL_KHR_cooperative_matrix, which llama.cpp's shaders need"
+  return 1
+}
+want_module() {
+  case "$gpu_modules" in
+    none) return 1 ;;
+    auto)
+      case "$1" in
+        # The CUDA module takes an hour and more on a small machine for the architectures
+        # below, so it is built where it can run: with the toolkit and NVIDIA's driver.
+        cuda) [ -n "$nvcc" ] && [ -e /proc/driver/nvidia/version ] ;;
+        vulkan) command -v glslc >/dev/null && [ -f /usr/include/vulkan/vulkan.h ] \
+                && [ -f /usr/share/cmake/SPIRV-Headers/SPIRV-HeadersConfig.cmake ] && glslc_is_recent ;;
+      esac ;;
+    *) [[ ",$gpu_modules," == *",$1,"* ]] ;;
+  esac
+}
+modules=()
+if want_module cuda; then
+  [ -n "$nvcc" ] || { log "CORVANE_GPU_MODULES asks for CUDA, but nvcc is not found"; exit 1; }
+  # Real code for the common cards of the last generations that this toolkit knows, and PTX
+  # of the newest for cards after them.
+  known=$("$nvcc" --list-gpu-arch 2>/dev/null | sed -n 's/^compute_\([0-9]*\)$/\1/p' | tr '\n' ' ')
+  archs=()
+  for a in ${CORVANE_CUDA_ARCHITECTURES:-75 80 86 89 90 120}; do
+    [[ " $known " == *" $a "* ]] && archs+=("$a")
+  done
+  [ ${#archs[@]} -gt 0 ] || { log "nvcc ($nvcc) knows none of the architectures asked for"; exit 1; }
+  archs[-1]="${archs[-1]}-real;${archs[-1]}-virtual"
+  cuda_ver=$("$nvcc" --version | sed -n 's/.*release \([0-9.]*\).*/\1/p')
+  cuda_opts=("${llama_opts[@]}" -DGGML_CUDA=ON "-DCMAKE_CUDA_COMPILER=$nvcc"
+    "-DCMAKE_CUDA_ARCHITECTURES=$(IFS=';'; echo "${archs[*]}")")
+  cuda_dir="$cache/llama.cpp-$llama_ver-cuda-$cuda_ver-$(stamp_key "${cuda_opts[@]}")"
+  [ -f "$cuda_dir/.complete" ] || build_llama "$cuda_dir" "the CUDA module" ggml-cuda -- "${cuda_opts[@]}"
+  modules+=("$cuda_dir/lib/libggml-cuda.so")
+fi
+if want_module vulkan; then
+  glslc_ver=$(glslc --version | head -n 1 | tr -c 'a-zA-Z0-9.\n' -)
+  vulkan_opts=("${llama_opts[@]}" -DGGML_VULKAN=ON)
+  vulkan_dir="$cache/llama.cpp-$llama_ver-vulkan-$(stamp_key "${vulkan_opts[@]}" "$glslc_ver")"
+  [ -f "$vulkan_dir/.complete" ] || build_llama "$vulkan_dir" "the Vulkan module" ggml-vulkan -- "${vulkan_opts[@]}"
+  modules+=("$vulkan_dir/lib/libggml-vulkan.so")
+fi
+
+# ---------------------------------------------------------------- whisper.cpp
+# Static, with a fixed x86-64 instruction set rather than -march=native, which keeps the
+# cached binary valid if the cache moves to another machine.
 cpu_flags=()
 if [ "$(uname -m)" = x86_64 ]; then
   cpu_flags=(-DGGML_NATIVE=OFF -DGGML_AVX=ON -DGGML_AVX2=ON -DGGML_FMA=ON -DGGML_F16C=ON -DGGML_BMI2=ON)
 fi
-llama_opts=(-DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=OFF -DLLAMA_BUILD_TESTS=ON
-  -DLLAMA_BUILD_TOOLS=ON -DLLAMA_BUILD_SERVER=ON -DLLAMA_BUILD_EXAMPLES=OFF -DLLAMA_BUILD_APP=OFF
-  -DLLAMA_BUILD_UI=OFF -DLLAMA_USE_PREBUILT_UI=OFF -DLLAMA_OPENSSL=OFF -DLLAMA_LLGUIDANCE=OFF
-  -DGGML_OPENMP=OFF -DGGML_BLAS=OFF "${cpu_flags[@]}")
-llama_ver=${version[node-llama-cpp]}
-llama_dir="$cache/llama.cpp-$llama_ver-$(stamp_key "${llama_opts[@]}")"
-if [ ! -f "$llama_dir/.complete" ]; then
-  log "building llama-server from node-llama-cpp $llama_ver (several minutes)"
-  rm -rf "$llama_dir" && mkdir -p "$llama_dir/bin"
-  git clone -q "$cache/node-llama-cpp-$llama_ver/llama/gitRelease.bundle" "$llama_dir/src" 2>/dev/null
-  cmake -S "$llama_dir/src" -B "$llama_dir/build" "${llama_opts[@]}" >"$llama_dir/configure.log" 2>&1 \
-    || { tail -30 "$llama_dir/configure.log" >&2; exit 1; }
-  cmake --build "$llama_dir/build" -j "$jobs" --target llama-server test-llama-archs \
-    >"$llama_dir/build.log" 2>&1 || { tail -40 "$llama_dir/build.log" >&2; exit 1; }
-  cp "$llama_dir/build/bin/llama-server" "$llama_dir/build/bin/test-llama-archs" "$llama_dir/bin/"
-  rm -rf "$llama_dir/build"
-  touch "$llama_dir/.complete"
-fi
-
-# ---------------------------------------------------------------- whisper.cpp
 whisper_opts=(-DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=OFF -DWHISPER_BUILD_TESTS=OFF
   -DWHISPER_BUILD_EXAMPLES=ON -DWHISPER_BUILD_SERVER=OFF -DWHISPER_CURL=OFF -DWHISPER_SDL2=OFF
   -DGGML_OPENMP=OFF -DGGML_BLAS=OFF "${cpu_flags[@]}")
@@ -149,9 +232,23 @@ fi
 # ---------------------------------------------------------------- into the build tree
 libexec="$build/libexec/corvane"
 mkdir -p "$libexec" "$build/test-tools"
-install -C -m 755 "$llama_dir/bin/llama-server" "$libexec/llama-server"
+# Modules from an earlier run that this one did not build (a toolkit since removed) go, so
+# that llama-server never loads one built from other sources.
+for f in "$libexec"/lib*.so*; do
+  [ -e "$f" ] || [ -L "$f" ] || continue
+  base=$(basename "$f"); keep=
+  [ -e "$llama_dir/lib/$base" ] && keep=1
+  for m in "${modules[@]}"; do [ "$(basename "$m")" = "$base" ] && keep=1; done
+  [ -n "$keep" ] || rm -f "$f"
+done
+cp -a "$llama_dir/lib/"*.so* "$libexec/"
+for m in "${modules[@]}"; do install -C -m 755 "$m" "$libexec/"; done
+install -C -m 755 "$llama_dir/lib/llama-server" "$libexec/llama-server"
 install -C -m 755 "$whisper_dir/bin/whisper-cli" "$libexec/whisper-cli"
-install -C -m 755 "$llama_dir/bin/test-llama-archs" "$build/test-tools/test-llama-archs"
+# The model generator loads the same libraries and CPU modules, found beside it.
+install -C -m 755 "$llama_dir/lib/test-llama-archs" "$build/test-tools/test-llama-archs"
+find "$build/test-tools" -xtype l -delete
+for f in "$libexec"/lib*.so*; do ln -sfn "../libexec/corvane/$(basename "$f")" "$build/test-tools/"; done
 
 deps_cmake="$build/deps.cmake"
 new=$(cat <<EOF
@@ -160,7 +257,7 @@ set(CORVANE_SQLITE_VERSION "$sqlite_ver")
 set(CORVANE_SQLITE_INCLUDE_DIR "$sqlite_dir/include")
 set(CORVANE_SQLITE_LIBRARY "$sqlite_dir/lib/libsqlite3.a")
 set(CORVANE_WHISPER_VERSION "$whisper_ver")
-set(CORVANE_LLAMA_SOURCE_DIR "$llama_dir/src")
+set(CORVANE_LLAMA_SOURCE_DIR "$llama_src")
 EOF
 )
 # Rewritten only when it changes, so that a second run does not make CMake reconfigure.

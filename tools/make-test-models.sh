@@ -9,7 +9,8 @@ mkdir -p "$out"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-"$tools/test-llama-archs" -a '^qwen35$' -o "$work" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+LD_PRELOAD="$tools/corvane-load-backends.so" "$tools/test-llama-archs" -a '^qwen35$' -o "$work" >"$work/log" 2>&1 \
+  || { cat "$work/log" >&2; exit 1; }
 chat=$(ls "$work"/*.gguf | head -n 1)
 # The generator declares a 256-token training context, to which the server would cap every
 # slot; raise it so that tests can use the application's real context sizes.
