@@ -75,6 +75,7 @@ QCoro::Task<bool> AppModel::eraseAll()
     m_locks->resetAfterErase();
     m_chat->resetAfterErase();
     m_settings->resetAfterErase();
+    m_compute->resetAfterErase();
     m_appearance->resetAfterErase();
     m_models->reloadInstalled();
     m_tree->resetAfterErase();

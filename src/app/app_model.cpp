@@ -41,6 +41,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_settings = std::make_unique<AppSettings>(*m_database, *m_modelStore, *m_status,
                                                [this] { return m_chat->isGenerating(); });
     m_models = std::make_unique<ModelsController>(*m_modelStore, *m_settings, *m_status);
+    m_compute = std::make_unique<ComputeChoice>(*m_inference, *m_database, *m_status);
     m_models->normalizeSelections();
 
     // 5. The tree, with folders and chats deleted in an earlier run hidden until their rows
@@ -59,7 +60,7 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     m_locks = std::make_unique<FolderLocks>(*m_database, databasePath, *m_tree, *m_status,
                                            std::make_unique<ComputerKeyProvider>());
     m_images = std::make_unique<ChatImages>(*m_imageStore, *m_database, databasePath, *m_tree, *m_models, *m_status);
-    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_tree, *m_settings, *m_models, *m_images,
+    m_chat = std::make_unique<ChatSession>(*m_database, *m_inference, *m_compute, *m_tree, *m_settings, *m_models, *m_images,
                                            *m_status, [this] { return isStorageBusy(); });
     m_search = std::make_unique<Search>(databasePath, *m_database, *m_tree, *m_status);
     m_scripts = std::make_unique<ScriptLibrary>(*m_cartridgeLibrary, *m_database, *m_tree, *m_status,
@@ -119,6 +120,8 @@ AppModel::AppModel(QList<ModelSpec> catalogue, QObject *parent)
     // 6. The first chat that is not sealed, the removal of what an earlier run deleted, the
     //    pictures no message names, and the scrub of a lock change that quitting cut short.
     m_tree->selectFirstOpenChat();
+    // What the model can run on, asked in the background; the first reply waits for it.
+    m_compute->probe();
     m_tree->startPurge();
     m_images->pruneImages();
     m_locks->scrubIfNeeded();

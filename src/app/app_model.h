@@ -6,6 +6,7 @@
 #include "app/chat_images.h"
 #include "app/chat_session.h"
 #include "app/chat_tree.h"
+#include "app/compute_choice.h"
 #include "app/folder_locks.h"
 #include "app/models_controller.h"
 #include "app/readiness.h"
@@ -40,6 +41,7 @@ class AppModel : public QObject
     Q_PROPERTY(StatusBanner *status READ status CONSTANT)
     Q_PROPERTY(AppSettings *settings READ settings CONSTANT)
     Q_PROPERTY(ModelsController *models READ models CONSTANT)
+    Q_PROPERTY(ComputeChoice *compute READ compute CONSTANT)
     Q_PROPERTY(ChatTree *tree READ tree CONSTANT)
     Q_PROPERTY(ChatSession *chat READ chat CONSTANT)
     Q_PROPERTY(ChatImages *images READ images CONSTANT)
@@ -71,6 +73,7 @@ public:
     StatusBanner *status() const { return m_status.get(); }
     AppSettings *settings() const { return m_settings.get(); }
     ModelsController *models() const { return m_models.get(); }
+    ComputeChoice *compute() const { return m_compute.get(); }
     ChatTree *tree() const { return m_tree.get(); }
     ChatSession *chat() const { return m_chat.get(); }
     ChatImages *images() const { return m_images.get(); }
@@ -124,6 +127,7 @@ private:
     std::unique_ptr<StatusBanner> m_status;
     std::unique_ptr<AppSettings> m_settings;
     std::unique_ptr<ModelsController> m_models;
+    std::unique_ptr<ComputeChoice> m_compute;
     std::unique_ptr<ChatTree> m_tree;
     std::unique_ptr<FolderLocks> m_locks;
     std::unique_ptr<ChatImages> m_images;

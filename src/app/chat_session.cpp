@@ -14,12 +14,13 @@
 #include <QJsonObject>
 #include <QTimer>
 
-ChatSession::ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
-                         const ModelsController &models, ChatImages &images, StatusBanner &status,
+ChatSession::ChatSession(Database &database, InferenceEngine &inference, ComputeChoice &compute, ChatTree &tree,
+                         const AppSettings &settings, const ModelsController &models, ChatImages &images, StatusBanner &status,
                          std::function<bool()> storageBusy, QObject *parent)
     : QObject(parent)
     , m_database(database)
     , m_inference(inference)
+    , m_compute(compute)
     , m_tree(tree)
     , m_settings(settings)
     , m_models(models)
@@ -153,7 +154,8 @@ QVariantMap ChatSession::messageMetadata(qint64 messageID)
             {QStringLiteral("prompt"), object.value(QStringLiteral("prompt")).toString()},
             {QStringLiteral("temperature"), object.value(QStringLiteral("temperature")).toDouble()},
             {QStringLiteral("maxTokens"), object.value(QStringLiteral("max_tokens")).toInteger()},
-            {QStringLiteral("speed"), speed ? speed->text() : QString()}};
+            {QStringLiteral("speed"), speed ? speed->text() : QString()},
+            {QStringLiteral("device"), object.value(QStringLiteral("device")).toString()}};
 }
 
 CartridgeContext ChatSession::cartridgeContext(const Chat &chat, const QList<Message> &history) const

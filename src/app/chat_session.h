@@ -15,6 +15,7 @@
 #include <functional>
 #include <optional>
 
+class ComputeChoice;
 class AppSettings;
 class ChatImages;
 class ChatTree;
@@ -49,7 +50,8 @@ class ChatSession : public QObject
 
 public:
     /// `storageBusy` answers whether another connection is writing, so that nothing is sent.
-    ChatSession(Database &database, InferenceEngine &inference, ChatTree &tree, const AppSettings &settings,
+    ChatSession(Database &database, InferenceEngine &inference, ComputeChoice &compute, ChatTree &tree,
+                const AppSettings &settings,
                 const ModelsController &models, ChatImages &images, StatusBanner &status,
                 std::function<bool()> storageBusy, QObject *parent = nullptr);
     ~ChatSession() override;
@@ -175,6 +177,7 @@ private:
 
     Database &m_database;
     InferenceEngine &m_inference;
+    ComputeChoice &m_compute;
     ChatTree &m_tree;
     const AppSettings &m_settings;
     const ModelsController &m_models;

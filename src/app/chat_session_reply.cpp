@@ -7,6 +7,7 @@
 #include "app/chat_images.h"
 #include "app/chat_tree.h"
 #include "app/compactor.h"
+#include "app/compute_choice.h"
 #include "app/models_controller.h"
 #include "app/reply_context.h"
 #include "app/settings_rules.h"
@@ -150,7 +151,8 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     }
     const QPointer<ChatSession> alive(this);
     m_status.show(s_loading);
-    co_await m_inference.load(m_models.filePath(model), projectorPath, m_settings.contextTokens(), cancel);
+    const QString device =
+        co_await m_compute.load(model, m_models.filePath(model), projectorPath, m_settings.contextTokens(), cancel);
     throwIfGone(alive);
     cancel.throwIfCancelled();
 
@@ -247,19 +249,21 @@ QCoro::Task<std::optional<CartridgeResult>> ChatSession::generateReply(Chat chat
     if (reply.isEmpty()) {
         if (m_tree.selectedChatID() == chat.id)
             loadMessages();
-        m_status.show(s_ready);
+        m_status.show(m_compute.takeNotice().value_or(s_ready));
         co_return std::nullopt;
     }
     QJsonObject metadata{{QStringLiteral("model"), model.id},
                          {QStringLiteral("prompt"), systemPrompt},
                          {QStringLiteral("temperature"), temperature},
-                         {QStringLiteral("max_tokens"), maxTokens}};
+                         {QStringLiteral("max_tokens"), maxTokens},
+                         {QStringLiteral("device"), device}};
     if (const QJsonObject measured = speed.toJson(); !measured.isEmpty())
         metadata.insert(QStringLiteral("speed"), measured);
     std::optional<CartridgeResult> rendered = co_await saveAgentMessage(
         reply, chat, QString::fromUtf8(QJsonDocument(metadata).toJson(QJsonDocument::Compact)), replacing);
     throwIfGone(alive);
-    m_status.show(s_ready);
+    // A move to the CPU stays in the status line once the reply is in.
+    m_status.show(m_compute.takeNotice().value_or(s_ready));
     // Compaction of this chat runs beside later replies, with this reply's prompt and limit.
     m_compactor->start(chat.id, systemPrompt, maxTokens);
     co_return rendered;

@@ -49,13 +49,17 @@ public:
     /// program cannot be launched, and CancelledError when `cancel` fires while waiting.
     QCoro::Task<> load(QString modelPath, std::optional<QString> projectorPath, qint64 contextTokens,
                        CancellationToken cancel = {});
+    /// The device later loads run the model on: a name from `--list-devices`, or "none" for
+    /// the CPU (the default). A different one restarts the server at the next load.
+    void setDevice(const QString &device) { m_device = device; }
+    const QString &device() const { return m_device; }
     /// Stops the server without waiting for it to exit, and forgets what it was started with.
     void shutdown();
     /// The running server was started with a vision projector.
     bool hasVision() const;
     /// The command line for a server with these settings.
     QStringList arguments(const QString &modelPath, const std::optional<QString> &projectorPath,
-                          qint64 contextTokens) const;
+                          qint64 contextTokens, const QString &device) const;
     /// The process id of the running server, 0 when none (for tests and diagnostics).
     qint64 serverProcessID() const;
 
@@ -103,6 +107,8 @@ private:
     std::optional<QString> m_loadedPath;
     std::optional<QString> m_loadedProjector;
     std::optional<qint64> m_loadedContextTokens;
+    std::optional<QString> m_loadedDevice;
+    QString m_device = QStringLiteral("none");
     int m_port;
     QString m_key;
     int m_tokenCountsMade = 0;

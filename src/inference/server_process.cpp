@@ -6,6 +6,7 @@
 #include "platform/auxiliary_executable.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QNetworkReply>
 #include <QProcess>
 #include <QRandomGenerator>
@@ -64,9 +65,11 @@ InferenceEngine::~InferenceEngine()
 }
 
 QStringList InferenceEngine::arguments(const QString &modelPath, const std::optional<QString> &projectorPath,
-                                       qint64 contextTokens) const
+                                       qint64 contextTokens, const QString &device) const
 {
-    // No thread, GPU-layer, attention or batch options: the server's defaults suit the machine.
+    // No thread, GPU-layer, attention or batch options: the server's defaults suit the machine,
+    // and on a GPU it fits as many layers as leave a gigabyte free for the desktop. The device
+    // is always named: the same card can be listed under two backends.
     QStringList arguments{
         QStringLiteral("-m"), modelPath,
         QStringLiteral("--host"), QStringLiteral("127.0.0.1"),
@@ -75,6 +78,7 @@ QStringList InferenceEngine::arguments(const QString &modelPath, const std::opti
         QStringLiteral("--parallel"), QStringLiteral("1"),
         QStringLiteral("--reasoning"), QStringLiteral("off"),
         QStringLiteral("--no-webui"),
+        QStringLiteral("--device"), device,
     };
     if (projectorPath)
         arguments << QStringLiteral("--mmproj") << *projectorPath;
@@ -96,6 +100,7 @@ void InferenceEngine::clearLoaded()
     m_loadedPath.reset();
     m_loadedProjector.reset();
     m_loadedContextTokens.reset();
+    m_loadedDevice.reset();
 }
 
 void InferenceEngine::shutdown()
@@ -119,7 +124,7 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
                                     qint64 contextTokens, CancellationToken cancel)
 {
     if (m_loadedPath == modelPath && m_loadedProjector == projectorPath && m_loadedContextTokens == contextTokens
-        && m_process && m_process->state() == QProcess::Running)
+        && m_loadedDevice == m_device && m_process && m_process->state() == QProcess::Running)
         co_return;
 
     shutdown();
@@ -150,8 +155,11 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LLAMA_API_KEY"), m_key);
     process->setProcessEnvironment(environment);
+    // llama-server also looks for its modules in the working folder; only its own is ours.
+    process->setWorkingDirectory(QFileInfo(program).absolutePath());
     AuxiliaryExecutable::endWithParent(*process);
-    const QStringList serverArguments = arguments(modelPath, projectorPath, contextTokens);
+    const QString device = m_device;
+    const QStringList serverArguments = arguments(modelPath, projectorPath, contextTokens, device);
     const bool started = co_await qCoro(process).start(program, serverArguments);
     throwIfGone();
     if (!started) {
@@ -175,6 +183,7 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
             m_loadedPath = modelPath;
             m_loadedProjector = projectorPath;
             m_loadedContextTokens = contextTokens;
+            m_loadedDevice = device;
             co_return;
         }
         cancel.throwIfCancelled();

@@ -1,6 +1,6 @@
 // Replies the real model cannot be made to give, answered by the stand-in llama-server: white
-// space only, text with white space around it, and replies about an image, which need a vision
-// projector that cannot be generated here.
+// space only, text with white space around it, replies about an image, which need a vision
+// projector that cannot be generated here, and a GPU that cannot load the model.
 #include "reply_fixture.h"
 
 #include "app/chat_images.h"
@@ -10,6 +10,7 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QMimeData>
+#include <QScopeGuard>
 #include <QTest>
 
 class TestAppRepliesFakeRuntime : public QObject
@@ -132,6 +133,54 @@ private Q_SLOTS:
         f.send(QStringLiteral("And now?"));
         QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
         QCOMPARE(f.completions.size(), 1);
+    }
+
+    void movesToTheCpuWhenTheGpuFailsWithFakeServer()
+    {
+        qputenv("CORVANE_FAKE_REPLY", "Fine.");
+        qputenv("CORVANE_FAKE_DEVICES", "  CUDA0: Stand-in GPU (8192 MiB, 8000 MiB free)\n");
+        qputenv("CORVANE_FAKE_FAIL_OFF_CPU", "1");
+        const auto restore = qScopeGuard([] {
+            qunsetenv("CORVANE_FAKE_DEVICES");
+            qunsetenv("CORVANE_FAKE_FAIL_OFF_CPU");
+        });
+        ReplyFixture f;
+        ComputeChoice &compute = *f.model->compute();
+        QTRY_COMPARE(compute.runsOn(), QStringLiteral("Stand-in GPU (CUDA)"));
+        const qint64 chat = f.newChat();
+        const QString name = f.model->models()->languageModel()->name;
+        const QString notice = name + QStringLiteral(" could not run on Stand-in GPU, so it runs on the CPU");
+        const auto reply = [&](const QString &text) {
+            f.statuses.clear();
+            f.send(text);
+            QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
+            QVERIFY(!f.model->status()->isError());
+        };
+
+        // The GPU fails; the reply comes from the CPU and the status line says so.
+        reply(QStringLiteral("Hello"));
+        QCOMPARE(f.status(), notice);
+        QCOMPARE(compute.runsOn(), QStringLiteral("CPU"));
+        QCOMPARE(f.session().messageMetadata(f.db().messages(chat).last().id).value("device").toString(),
+                 QStringLiteral("CPU"));
+        QVERIFY(f.db().setting(QStringLiteral("cpu_fallback_models"))->contains(ReplyFixture::modelID));
+
+        // Remembered: a new server starts on the CPU straight away.
+        f.model->inference().shutdown();
+        reply(QStringLiteral("Again"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
+        QVERIFY(!f.statuses.contains(notice));
+
+        // Choosing again tries the GPU again; CPU only never does.
+        compute.setPreference(QStringLiteral("auto"));
+        QCOMPARE(compute.runsOn(), QStringLiteral("Stand-in GPU (CUDA)"));
+        reply(QStringLiteral("Once more"));
+        QCOMPARE(f.status(), notice);
+        compute.setPreference(QStringLiteral("cpu"));
+        f.model->inference().shutdown();
+        reply(QStringLiteral("On the CPU"));
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
+        QCOMPARE(f.db().setting(QStringLiteral("compute_device")), QStringLiteral("cpu"));
     }
 
 private:

@@ -2,6 +2,7 @@
 // the generated random-weight model: the server's life (start, reuse, restart, recovery after
 // it died, its end with a killed application), what it lets in, and the exchanges (exact
 // token counts, fitting by binary search, streaming, Stop).
+#include "inference/device_probe.h"
 #include "inference/exchange_format.h"
 #include "inference/inference_engine.h"
 #include "inference/inference_error.h"
@@ -15,6 +16,7 @@
 #include <QNetworkReply>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <cmath>
@@ -93,6 +95,7 @@ private Q_SLOTS:
         const QByteArray commandLine = cmdline.readAll();
         const QList<QByteArray> arguments = commandLine.split('\0');
         QCOMPARE(arguments.value(arguments.indexOf("--host") + 1), "127.0.0.1");
+        QCOMPARE(arguments.value(arguments.indexOf("--device") + 1), "none");
         // So the key travels in the environment, which only the same user can read.
         QVERIFY(!commandLine.contains(m_engine.key().toLatin1()));
         QVERIFY(InferenceEngine().key() != m_engine.key());
@@ -128,6 +131,28 @@ private Q_SLOTS:
         ::kill(static_cast<pid_t>(application.processId()), SIGKILL);
         QVERIFY(application.waitForFinished());
         QTRY_VERIFY_WITH_TIMEOUT(processEnded(server), 10000);
+    }
+
+    void listsItsDevicesAndTheCpuModuleItLoads()
+    {
+        const DeviceProbe probe = awaitTask(
+            probeComputeDevices(AuxiliaryExecutable::find("llama-server"), std::chrono::seconds(30)));
+        // Whatever GPU this machine has, every listed device is one replies can run on.
+        for (const ComputeDevice &device : probe.devices)
+            QVERIFY2(QStringList({"CUDA", "Vulkan"}).contains(device.backend()), qPrintable(device.name));
+#if defined(__x86_64__)
+        // Every x86-64 processor runs at least the SSE4.2 build.
+        QVERIFY2(cpuLabel(probe.cpuVariant).startsWith("CPU, "), qPrintable(probe.cpuVariant));
+#endif
+        // A driver that hangs is given up on (else the test's own time limit ends it): the CPU.
+        QTemporaryDir dir;
+        QFile hangs(dir.filePath("llama-server"));
+        QVERIFY(hangs.open(QIODevice::WriteOnly));
+        hangs.write("#!/bin/sh\nexec sleep 900\n");
+        hangs.close();
+        hangs.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+        const DeviceProbe none = awaitTask(probeComputeDevices(hangs.fileName(), std::chrono::milliseconds(300)));
+        QVERIFY(none.devices.isEmpty() && none.cpuVariant.isEmpty());
     }
 
     void restartsForAnotherContextSizeOnTheSamePortAndKey()

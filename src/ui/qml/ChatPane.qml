@@ -327,6 +327,7 @@ Rectangle {
                         + "\nTemperature: " + Number(metadataPopup.details.temperature).toFixed(1)
                         + "\nMaximum tokens: " + metadataPopup.details.maxTokens
                         + (metadataPopup.details.speed ? "\nSpeed: " + metadataPopup.details.speed : "")
+                        + (metadataPopup.details.device ? "\nRan on: " + metadataPopup.details.device : "")
                         + "\n\nPrompt:\n" + (metadataPopup.details.prompt !== "" ? metadataPopup.details.prompt : "(none)")
                 Accessible.role: Accessible.StaticText
                 Accessible.name: text

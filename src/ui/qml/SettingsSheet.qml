@@ -177,6 +177,32 @@ Dialog {
                 text: "Lower temperature is more predictable; higher is more varied. RAM figures are approximate extra memory compared with 4K, and longer context is slower to read. When a chat outgrows its context, older messages are summarized in the background and the full chat stays visible. The maximum response is a limit, not a target."
             }
 
+            RowLayout {
+                Layout.fillWidth: true
+                Label {
+                    text: "Run replies on"
+                    color: Theme.text
+                }
+                ComboBox {
+                    objectName: "deviceChoice"
+                    Layout.fillWidth: true
+                    readonly property var entries: AppModel.compute.choices
+                    model: entries.map(c => c.label)
+                    currentIndex: entries.findIndex(c => c.id === AppModel.compute.preference)
+                    Accessible.name: "Run replies on"
+                    onActivated: (i) => {
+                        AppModel.compute.setPreference(entries[i].id)
+                        currentIndex = Qt.binding(() => entries.findIndex(c => c.id === AppModel.compute.preference))
+                    }
+                }
+            }
+            Note {
+                objectName: "deviceNote"
+                text: AppModel.compute.runsOn === ""
+                      ? "Looking for a graphics card…"
+                      : "Replies run on " + AppModel.compute.runsOn + ". Automatic picks the fastest graphics card and leaves some of its memory free for the desktop; a model that does not start on it runs on the CPU until you choose again."
+            }
+
             Heading { text: "Downloaded models" }
             ModelSettings {
                 Layout.fillWidth: true
