@@ -1,10 +1,16 @@
 // The exchange with the real llama-server on the small generated model: how long fitting a
 // conversation to the context takes (each token count is two round trips),
-// and what the application's streaming costs compared with reading the server directly.
+// and what the application's streaming costs compared with reading the server directly, on the
+// CPU and on the device chosen automatically, with the time to the first token and what
+// asking for the devices costs at start.
 //
-// Usage: bench_inference [model.gguf]   (default: the test model that `make test` generates)
+// Usage: bench_inference [model.gguf [TOKENS RUNS]]   (default: the test model that `make test`
+//        generates, 1024 tokens, 9 runs; for speeds worth recording, a model that
+//        corvane-make-bench-model wrote)
 #include "bench_support.h"
+#include "inference/device_probe.h"
 #include "inference/inference_engine.h"
+#include "platform/auxiliary_executable.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -16,6 +22,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -30,8 +37,8 @@ QJsonArray conversation(int count)
 }
 
 const QJsonArray s_prompt{QJsonObject{{"role", "user"}, {"content", "Tell me a long story."}}};
-constexpr int s_streamTokens = 1024;
-constexpr int s_streamRuns = 9;
+int s_streamTokens = 1024;
+int s_streamRuns = 9;
 
 /// Tokens per second of a streamed completion read straight from the server.
 QCoro::Task<double> rawStream(InferenceEngine &engine, QNetworkAccessManager &network)
@@ -61,13 +68,15 @@ QCoro::Task<double> rawStream(InferenceEngine &engine, QNetworkAccessManager &ne
     co_return pieces / (timer.nsecsElapsed() / 1e9);
 }
 
-QCoro::Task<double> engineStream(InferenceEngine &engine)
+/// Tokens per second through the engine, and its wait for the first one in milliseconds.
+QCoro::Task<std::pair<double, double>> engineStream(InferenceEngine &engine)
 {
     QElapsedTimer timer;
     timer.start();
     int pieces = 0;
-    co_await engine.stream(s_prompt, s_streamTokens, 0.0, [&pieces](const QString &) { ++pieces; });
-    co_return pieces / (timer.nsecsElapsed() / 1e9);
+    const ReplySpeed speed =
+        co_await engine.stream(s_prompt, s_streamTokens, 0.0, [&pieces](const QString &) { ++pieces; });
+    co_return std::pair{pieces / (timer.nsecsElapsed() / 1e9), double(speed.firstTokenMs)};
 }
 
 QCoro::Task<> run(QString model)
@@ -96,30 +105,61 @@ QCoro::Task<> run(QString model)
         }
     }
 
-    co_await engine.load(model, std::nullopt, 16384);
-    QNetworkAccessManager network;
-    QList<double> raw, app;
-    // Alternating which goes first, so that neither always meets a warmer server.
-    for (int i = 0; i < s_streamRuns; ++i) {
-        if (i % 2) {
-            app << co_await engineStream(engine);
-            raw << co_await rawStream(engine, network);
-        } else {
-            raw << co_await rawStream(engine, network);
-            app << co_await engineStream(engine);
-        }
+    // What asking for the devices adds to every start.
+    const QString server = AuxiliaryExecutable::find(QStringLiteral("llama-server"));
+    QList<double> probeTimes;
+    DeviceProbe probe;
+    for (int i = 0; i < 5; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        probe = co_await probeComputeDevices(server, std::chrono::seconds(30));
+        probeTimes << timer.nsecsElapsed() / 1e6;
     }
-    std::printf("\n| Streaming, %d tokens at temperature 0 (median of %d) | tokens/s |\n|---|---:|\n", s_streamTokens,
-                s_streamRuns);
-    std::printf("| read straight from the server | %.1f |\n| through InferenceEngine::stream | %.1f |\n",
-                median(raw), median(app));
-    // Each pair ran back to back, so its ratio is less disturbed by the machine's drift
-    // than the ratio of the two medians.
-    QList<double> ratios;
-    for (qsizetype i = 0; i < raw.size(); ++i)
-        ratios << app[i] / raw[i];
-    std::printf("| ratio of the medians | %.3f |\n| median of the pairs' ratios | %.3f |\n", median(app) / median(raw),
-                median(ratios));
+    std::printf("\nDevice list (median of 5): %.0f ms; CPU: %s; devices:", median(probeTimes),
+                qPrintable(cpuLabel(probe.cpuVariant)));
+    for (const ComputeDevice &device : probe.devices)
+        std::printf(" %s (%s, %lld MiB)", qPrintable(device.name), qPrintable(device.description),
+                    static_cast<long long>(device.totalMiB));
+    std::printf("%s\n", probe.devices.isEmpty() ? " none" : "");
+
+    std::printf("\n| Streaming, %d tokens at temperature 0 (median of %d) | Load (s) | First token (ms) | "
+                "Server (tokens/s) | InferenceEngine::stream (tokens/s) | Ratio of pairs |\n"
+                "|---|---:|---:|---:|---:|---:|\n",
+                s_streamTokens, s_streamRuns);
+    QList<std::optional<ComputeDevice>> devices{std::nullopt};
+    if (const auto chosen = chooseDevice(probe.devices, DevicePreference::automatic))
+        devices << chosen;
+    QNetworkAccessManager network;
+    for (const std::optional<ComputeDevice> &device : devices) {
+        engine.shutdown();
+        engine.setDevice(device ? device->name : QStringLiteral("none"));
+        QElapsedTimer loading;
+        loading.start();
+        co_await engine.load(model, std::nullopt, 16384);
+        const double loadSeconds = loading.nsecsElapsed() / 1e9;
+        QList<double> raw, app, first;
+        // Alternating which goes first, so that neither always meets a warmer server.
+        for (int i = 0; i < s_streamRuns; ++i) {
+            std::pair<double, double> measured;
+            if (i % 2) {
+                measured = co_await engineStream(engine);
+                raw << co_await rawStream(engine, network);
+            } else {
+                raw << co_await rawStream(engine, network);
+                measured = co_await engineStream(engine);
+            }
+            app << measured.first;
+            first << measured.second;
+        }
+        // Each pair ran back to back, so its ratio is less disturbed by the machine's drift
+        // than the ratio of the two medians.
+        QList<double> ratios;
+        for (qsizetype i = 0; i < raw.size(); ++i)
+            ratios << app[i] / raw[i];
+        std::printf("| %s | %.1f | %.0f | %.1f | %.1f | %.3f |\n",
+                    qPrintable(device ? device->label() : cpuLabel(probe.cpuVariant)), loadSeconds, median(first),
+                    median(raw), median(app), median(ratios));
+    }
 }
 
 } // namespace
@@ -131,6 +171,10 @@ int main(int argc, char *argv[])
     if (!found)
         return 1;
     const QString model = *found;
+    if (argc > 3) {
+        s_streamTokens = std::max(1, std::atoi(argv[2]));
+        s_streamRuns = std::max(1, std::atoi(argv[3]));
+    }
     int status = 0;
     auto task = [&]() -> QCoro::Task<> {
         try {

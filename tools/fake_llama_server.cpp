@@ -10,7 +10,9 @@
 //                              (CORVANE_FAKE_PIECE_DELAY_MS apart, when set); otherwise
 //                              CORVANE_FAKE_DESCRIPTION as the message content
 // With CORVANE_FAKE_LOG set, each request is appended to that file as one JSON line
-// {"path": ..., "body": ...}.
+// {"path": ..., "body": ...}. `--list-devices` prints CORVANE_FAKE_DEVICES (lines as the real
+// server writes them); with CORVANE_FAKE_FAIL_OFF_CPU set, it exits at once on any --device
+// but "none", as the real one does when a GPU cannot load the model.
 #include <QCoreApplication>
 #include <QFile>
 #include <QHostAddress>
@@ -21,6 +23,7 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#include <cstdio>
 #include <memory>
 
 namespace {
@@ -97,6 +100,16 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     const QStringList arguments = app.arguments();
+    if (arguments.contains(QStringLiteral("--list-devices"))) {
+        // The list the test asks for, as the real server prints it.
+        std::fputs("Available devices:\n", stdout);
+        std::fputs(qEnvironmentVariable("CORVANE_FAKE_DEVICES", QStringLiteral("  (none)\n")).toUtf8().constData(), stdout);
+        return 0;
+    }
+    // A GPU that cannot take the model: the real server exits while loading.
+    const QString device = option(arguments, QStringLiteral("--device"));
+    if (qEnvironmentVariableIsSet("CORVANE_FAKE_FAIL_OFF_CPU") && device != QLatin1String("none"))
+        return 1;
     const QByteArray key = "Bearer " + qgetenv("LLAMA_API_KEY");
     QTcpServer server;
     if (!server.listen(QHostAddress::LocalHost, quint16(option(arguments, QStringLiteral("--port")).toUInt())))
