@@ -155,6 +155,8 @@ private Q_SLOTS:
         QCOMPARE(object(QStringLiteral("maxResponseChoice"))->property("displayText").toString(),
                  QStringLiteral("1024 tokens"));
         QCOMPARE(textOf(QStringLiteral("globalAgentNameField")), QStringLiteral("Corvane"));
+        QCOMPARE(object(QStringLiteral("deviceChoice"))->property("displayText").toString(), QStringLiteral("Automatic"));
+        QTRY_VERIFY(textOf(QStringLiteral("deviceNote")).startsWith(QStringLiteral("Replies run on CPU")));
         savePicture(QStringLiteral("settings.png"));
         closePopup(QStringLiteral("settingsSheet"));
     }
