@@ -81,6 +81,11 @@ private Q_SLOTS:
                      .match(metadata.value("speed").toString())
                      .hasMatch(),
                  qPrintable(metadata.value("speed").toString()));
+        // What it ran on, as Settings shows it: on a machine without a GPU module, the CPU build
+        // llama-server chose.
+        QCOMPARE(metadata.value("device").toString(), f.model->compute()->runsOn());
+        if (f.model->inference().device() == QLatin1String("none"))
+            QVERIFY2(metadata.value("device").toString().startsWith("CPU"), qPrintable(metadata.value("device").toString()));
         // A new chat is named after its first message.
         QCOMPARE(f.tree().chat(chat)->title, QStringLiteral("Hello there"));
 
