@@ -130,14 +130,16 @@ QCoro::Task<QString> ComputeChoice::load(ModelSpec model, QString modelPath, std
     }
     if (fellBack) {
         qCWarning(lcCompute) << model.id << "did not start on" << device->name << "; trying the CPU";
-        m_cpuModels.insert(model.id);
-        storeFallbacks();
-        m_notice = QStringLiteral("%1 could not run on %2, so it runs on the CPU").arg(model.name, device->description);
-        m_status.show(*m_notice);
+        m_status.show(QStringLiteral("Starting %1 on the CPU…").arg(model.name));
         m_inference.setDevice(s_noDevice);
         co_await m_inference.load(modelPath, projectorPath, contextTokens, cancel);
         if (!alive)
             throw CancelledError();
+        // Only now is the GPU known to be what failed: a model that fails on the CPU too
+        // (a damaged file) is not kept away from the GPU.
+        m_cpuModels.insert(model.id);
+        storeFallbacks();
+        m_notice = QStringLiteral("%1 could not run on %2, so it runs on the CPU").arg(model.name, device->description);
     }
     const QString used = label(fellBack ? std::nullopt : device);
     if (m_lastUsed != used) {
