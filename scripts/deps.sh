@@ -190,7 +190,14 @@ if want_module cuda; then
   [ ${#archs[@]} -gt 0 ] || { log "nvcc ($nvcc) knows none of the architectures asked for"; exit 1; }
   archs[-1]="${archs[-1]}-real;${archs[-1]}-virtual"
   cuda_ver=$("$nvcc" --version | sed -n 's/.*release \([0-9.]*\).*/\1/p')
-  cuda_opts=("${llama_opts[@]}" -DGGML_CUDA=ON "-DCMAKE_CUDA_COMPILER=$nvcc"
+  # The toolkit's runtime libraries, for a toolkit that the loader does not know of (NVIDIA's
+  # runfile installer writes no ld.so.conf entry).
+  cuda_rpath='$ORIGIN'
+  cuda_home=$(dirname "$(dirname "$(readlink -f "$nvcc")")")
+  for d in "$cuda_home/lib64" "$cuda_home/lib"; do
+    if compgen -G "$d/libcudart.so*" >/dev/null; then cuda_rpath="\$ORIGIN;$d"; break; fi
+  done
+  cuda_opts=("${llama_opts[@]}" -DGGML_CUDA=ON "-DCMAKE_CUDA_COMPILER=$nvcc" "-DCMAKE_INSTALL_RPATH=$cuda_rpath"
     "-DCMAKE_CUDA_ARCHITECTURES=$(IFS=';'; echo "${archs[*]}")")
   cuda_dir="$cache/llama.cpp-$llama_ver-cuda-$cuda_ver-$(stamp_key "${cuda_opts[@]}")"
   [ -f "$cuda_dir/.complete" ] || build_llama "$cuda_dir" "the CUDA module" ggml-cuda -- "${cuda_opts[@]}"

@@ -73,7 +73,7 @@ private Q_SLOTS:
         m_question = addMessage(m_model->database(), m_markdownChat, QStringLiteral("Can you show me some Markdown?"));
         addAssistantMessage(m_model->database(), m_markdownChat, s_markdownReply,
                             QStringLiteral(R"({"model":"test-chat","prompt":"Your name is Corvane.","temperature":0.7,"max_tokens":1024,)"
-                                           R"("speed":{"first_token_ms":420,"tokens":30,"tokens_per_second":31.2}})"));
+                                           R"x("device":"NVIDIA H100 80GB HBM3 (CUDA)","speed":{"first_token_ms":420,"tokens":30,"tokens_per_second":31.2}})x"));
         m_model->tree()->reload();
         m_model->chat()->loadMessages();
 
@@ -105,8 +105,8 @@ private Q_SLOTS:
         QTRY_VERIFY(findObject(m_window, QStringLiteral("metadataPopup"))->property("opened").toBool());
         const QString speed = QStringLiteral("0.42 s to first token · 31.2 tokens/s");
         QCOMPARE(textOf(QStringLiteral("metadataText")),
-                 QStringLiteral("Model: test-chat\nTemperature: 0.7\nMaximum tokens: 1024\nSpeed: %1\n\nPrompt:\n"
-                                "Your name is Corvane.").arg(speed));
+                 QStringLiteral("Model: test-chat\nTemperature: 0.7\nMaximum tokens: 1024\nSpeed: %1\n"
+                                "Ran on: NVIDIA H100 80GB HBM3 (CUDA)\n\nPrompt:\nYour name is Corvane.").arg(speed));
         closePopup(QStringLiteral("metadataPopup"));
         QCOMPARE(textOf(QStringLiteral("replySpeed")), speed);
     }
