@@ -168,8 +168,8 @@ want_module() {
     none) return 1 ;;
     auto)
       case "$1" in
-        # The CUDA module takes an hour and more on a small machine for the architectures
-        # below, so it is built where it can run: with the toolkit and NVIDIA's driver.
+        # The CUDA module takes 37 minutes on two cores for one architecture, and several
+        # are built, so it is built only where it can run: with the toolkit and the driver.
         cuda) [ -n "$nvcc" ] && [ -e /proc/driver/nvidia/version ] ;;
         vulkan) command -v glslc >/dev/null && [ -f /usr/include/vulkan/vulkan.h ] \
                 && [ -f /usr/share/cmake/SPIRV-Headers/SPIRV-HeadersConfig.cmake ] && glslc_is_recent ;;
