@@ -6,16 +6,32 @@
 
 namespace {
 
-// The list names devices, not kinds; integrated parts are known by their names.
+// The list names devices, not kinds, and the Vulkan module's own line on a device's kind never
+// reaches llama-server's output, whatever the verbosity: integrated parts are known by their
+// names. Intel's only discrete cards are the Arc A and B series and its data
+// centre parts; every other Intel device shares the computer's memory.
 bool looksIntegrated(const QString &backend, const QString &description)
 {
     if (backend != QLatin1String("Vulkan"))
         return false;
-    static const QRegularExpression integratedNames(
-        QStringLiteral("Intel\\(R\\) (UHD|HD|Iris)|Intel\\(R\\) Arc\\(tm\\) Graphics|Radeon\\(TM\\) Graphics|"
-                       "Radeon Graphics|Radeon Vega|Radeon \\d{3}M|Adreno|Mali|Apple M\\d|PowerVR"),
+    static const QRegularExpression intel(QStringLiteral("^Intel\\(R\\)"));
+    static const QRegularExpression intelDiscrete(QStringLiteral("Arc\\(tm\\) (Pro )?[AB]\\d|Data Center GPU"),
+                                                  QRegularExpression::CaseInsensitiveOption);
+    if (intel.match(description).hasMatch())
+        return !intelDiscrete.match(description).hasMatch();
+    static const QRegularExpression otherIntegrated(
+        QStringLiteral("Radeon(\\(TM\\))? (Graphics|Vega \\d|\\d{3}M)|Adreno|Mali|Apple M\\d|PowerVR"),
         QRegularExpression::CaseInsensitiveOption);
-    return integratedNames.match(description).hasMatch();
+    return otherIntegrated.match(description).hasMatch();
+}
+
+// Vulkan drivers that run on the processor, slower than llama.cpp's own CPU code. The module
+// lists them only when GGML_VK_VISIBLE_DEVICES names them.
+bool looksSoftware(const QString &backend, const QString &description)
+{
+    static const QRegularExpression softwareNames(QStringLiteral("^(llvmpipe|lavapipe|SwiftShader)"),
+                                                  QRegularExpression::CaseInsensitiveOption);
+    return backend == QLatin1String("Vulkan") && softwareNames.match(description).hasMatch();
 }
 
 int rank(const ComputeDevice &device)
@@ -62,21 +78,11 @@ DeviceProbe DeviceProbe::parse(const QByteArray &standardOutput, const QByteArra
         ComputeDevice device{match.captured(1), match.captured(2).trimmed(), match.captured(3).toLongLong(),
                              match.captured(4).toLongLong()};
         device.integrated = looksIntegrated(device.backend(), device.description);
+        device.software = looksSoftware(device.backend(), device.description);
         if (rank(device) >= 0 && !std::ranges::any_of(probe.devices, [&](const ComputeDevice &d) {
                 return d.name == device.name;
             }))
             probe.devices.append(device);
-    }
-    // At debug verbosity the Vulkan module says which of its devices share memory ("uma").
-    static const QRegularExpression vulkanDevice(QStringLiteral("ggml_vulkan: (\\d+) = .*\\| uma: (\\d)"));
-    for (const QString &line : QString::fromUtf8(standardError).split(QLatin1Char('\n'))) {
-        const QRegularExpressionMatch match = vulkanDevice.match(line);
-        if (!match.hasMatch())
-            continue;
-        for (ComputeDevice &device : probe.devices) {
-            if (device.name == QLatin1String("Vulkan") + match.captured(1))
-                device.integrated = match.captured(2) == QLatin1String("1");
-        }
     }
     static const QRegularExpression cpuModule(
         QStringLiteral("loaded CPU backend from \\S*ggml-cpu-([A-Za-z0-9_.]+)\\.so"));
@@ -99,6 +105,7 @@ std::optional<ComputeDevice> chooseDevice(const QList<ComputeDevice> &devices, c
     };
     // Stable, so that the list's order decides between equals.
     QList<ComputeDevice> candidates = devices;
+    candidates.removeIf([](const ComputeDevice &d) { return d.software; });
     std::ranges::stable_sort(candidates, better);
     if (candidates.isEmpty())
         return std::nullopt;

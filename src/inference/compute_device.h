@@ -15,6 +15,9 @@ struct ComputeDevice
     qint64 freeMiB = 0;
     /// Shares the computer's memory rather than having its own.
     bool integrated = false;
+    /// A Vulkan driver that runs on the processor (llvmpipe): slower than the CPU code, so
+    /// never chosen automatically.
+    bool software = false;
 
     /// The backend part of the name: "CUDA", "Vulkan".
     QString backend() const;
@@ -45,7 +48,8 @@ inline const QString cpuOnly = QStringLiteral("cpu");
 
 /// The device replies run on for `preference`; nothing means the CPU. Automatic prefers CUDA,
 /// then a discrete Vulkan GPU, then an integrated one, and the one with most memory among
-/// equals; a named device that is no longer there counts as automatic.
+/// equals, never a software device; a named device that is no longer there counts as
+/// automatic.
 std::optional<ComputeDevice> chooseDevice(const QList<ComputeDevice> &devices, const QString &preference);
 
 /// "CPU, AVX-512" for the variant llama-server loaded; "CPU" when it is unknown.

@@ -19,8 +19,8 @@ QCoro::Task<DeviceProbe> probeComputeDevices(QString program, std::chrono::milli
     // first is ours.
     process.setWorkingDirectory(QFileInfo(program).absolutePath());
     AuxiliaryExecutable::endWithParent(process);
-    // At debug verbosity it also tells which CPU module it loaded and whether a Vulkan device
-    // shares the computer's memory.
+    // The list goes to standard output; which CPU module it loaded goes to standard error,
+    // and only at debug verbosity.
     const QStringList arguments{QStringLiteral("--log-verbosity"), QStringLiteral("5"), QStringLiteral("--list-devices")};
     if (!co_await qCoro(process).start(program, arguments)) {
         qCWarning(lcDeviceProbe) << "could not start" << program << process.errorString();

@@ -13,6 +13,20 @@ const QByteArray s_laptop = "Available devices:\n"
                             "  Vulkan0: Intel(R) Iris(R) Xe Graphics (TGL GT2) (11873 MiB, 11873 MiB free)\n"
                             "  Vulkan1: NVIDIA GeForce RTX 3050 Laptop GPU (4096 MiB, 3900 MiB free)\n";
 
+// Mesa's llvmpipe as the pinned llama-server lists it when GGML_VK_VISIBLE_DEVICES names it.
+const QByteArray s_llvmpipe = "Available devices:\n"
+                              "  Vulkan0: llvmpipe (LLVM 15.0.6, 256 bits) (2048 MiB, 2048 MiB free)\n";
+const QByteArray s_zen4 = "0.00.108.172 I load_backend: loaded CPU backend from /opt/c/libexec/corvane/libggml-cpu-zen4.so\n";
+
+QByteArray vulkanList(std::initializer_list<const char *> descriptions)
+{
+    QByteArray list = "Available devices:\n";
+    int index = 0;
+    for (const char *description : descriptions)
+        list += QStringLiteral("  Vulkan%1: %2 (8192 MiB, 8000 MiB free)\n").arg(index++).arg(QLatin1String(description)).toUtf8();
+    return list;
+}
+
 } // namespace
 
 class TestComputeDevice : public QObject
@@ -37,12 +51,16 @@ private Q_SLOTS:
             << s_h100 << QByteArray() << "CUDA3" << "CUDA0" << "NVIDIA H100 80GB HBM3 (CUDA)";
         QTest::newRow("discrete before integrated, whatever the order")
             << s_laptop << QByteArray() << "auto" << "Vulkan1" << "NVIDIA GeForce RTX 3050 Laptop GPU (Vulkan)";
-        QTest::newRow("Vulkan's own word on shared memory")
-            << QByteArray("Available devices:\n  Vulkan0: Some GPU (8192 MiB, 8000 MiB free)\n"
-                          "  Vulkan1: Other GPU (4096 MiB, 4000 MiB free)\n")
-            << QByteArray("0.01 D ggml_vulkan: 0 = Some GPU (RADV) | uma: 1 | fp16: 1\n"
-                          "0.01 D ggml_vulkan: 1 = Other GPU (RADV) | uma: 0 | fp16: 1\n")
-            << "auto" << "Vulkan1" << "Other GPU (Vulkan)";
+        QTest::newRow("Intel's Arc cards before its integrated parts")
+            << vulkanList({"Intel(R) Graphics (RPL-P)", "Intel(R) Arc(tm) A770 Graphics (DG2)"}) << QByteArray()
+            << "auto" << "Vulkan1" << "Intel(R) Arc(tm) A770 Graphics (DG2) (Vulkan)";
+        QTest::newRow("a discrete Radeon before an integrated one")
+            << vulkanList({"AMD Radeon 780M (RADV GFX1103_R1)", "AMD Radeon(TM) Vega 8 Graphics (RADV RAVEN)",
+                           "AMD Radeon RX 7600 (RADV NAVI33)"})
+            << QByteArray() << "auto" << "Vulkan2" << "AMD Radeon RX 7600 (RADV NAVI33) (Vulkan)";
+        QTest::newRow("Intel's Arc-named integrated part is integrated")
+            << vulkanList({"Intel(R) Arc(tm) Graphics (MTL)", "AMD Radeon RX 6400 (RADV NAVI24)"}) << QByteArray()
+            << "auto" << "Vulkan1" << "AMD Radeon RX 6400 (RADV NAVI24) (Vulkan)";
         QTest::newRow("an integrated GPU alone")
             << QByteArray("Available devices:\n  Vulkan0: AMD Radeon Graphics (RADV RENOIR) (16384 MiB, 15000 MiB free)\n")
             << QByteArray() << "auto" << "Vulkan0" << "AMD Radeon Graphics (RADV RENOIR) (Vulkan)";
@@ -54,6 +72,10 @@ private Q_SLOTS:
             << QByteArray("Available devices:\n  (none)\n")
             << QByteArray("0.00.026 I load_backend: loaded CPU backend from /opt/c/libexec/corvane/libggml-cpu-icelake.so\n")
             << "auto" << "" << "CPU, AVX-512";
+        QTest::newRow("a Vulkan driver running on the processor is never automatic")
+            << s_llvmpipe << s_zen4 << "auto" << "" << "CPU, AVX-512";
+        QTest::newRow("a Vulkan driver running on the processor when asked")
+            << s_llvmpipe << s_zen4 << "Vulkan0" << "Vulkan0" << "llvmpipe (LLVM 15.0.6, 256 bits) (Vulkan)";
         QTest::newRow("garbage") << QByteArray("\x01\xff Segmentation fault\n  CUDA0 something\n") << QByteArray("\xfe")
                                  << "auto" << "" << "CPU";
         QTest::newRow("device lines outside the list")
