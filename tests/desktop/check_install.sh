@@ -58,10 +58,16 @@ data="$stage/data"
 CORVANE_DATA_DIR="$data" QT_QPA_PLATFORM=offscreen "$root/bin/corvane" --screenshot "$stage/window.png"
 [ -s "$stage/window.png" ] || fail "the installed program drew no window"
 "$root/libexec/corvane/llama-server" --version >/dev/null 2>&1 || fail "the installed llama-server does not run"
-# Its libraries and its CPU module come from the installed folder, not from the build.
+# Its libraries and its modules come from the installed folder, not from the build.
 ldd "$root/libexec/corvane/llama-server" | grep -q "libllama-server-impl.so => $root/libexec/corvane/" \
   || fail "the installed llama-server does not use its own libraries"
-(cd / && "$root/libexec/corvane/llama-server" --log-verbosity 5 --list-devices 2>&1) \
-  | grep -q "loaded CPU backend from $root/libexec/corvane/libggml-cpu-" || fail "the installed llama-server loads no CPU module"
+loaded=$(cd / && "$root/libexec/corvane/llama-server" --log-verbosity 5 --list-devices 2>&1)
+echo "$loaded" | grep -q "loaded CPU backend from $root/libexec/corvane/libggml-cpu-" \
+  || fail "the installed llama-server loads no CPU module"
+# The Vulkan module needs only the loader, which the build installs, so it must load too.
+if [ -e "$build/libexec/corvane/libggml-vulkan.so" ]; then
+  echo "$loaded" | grep -q "loaded Vulkan backend from $root/libexec/corvane/libggml-vulkan.so" \
+    || fail "the installed llama-server does not load its Vulkan module"
+fi
 "$root/libexec/corvane/whisper-cli" --help >/dev/null 2>&1 || fail "the installed whisper-cli does not run"
 echo "check_install: the installed tree is complete and valid"
