@@ -12,7 +12,8 @@
 // With CORVANE_FAKE_LOG set, each request is appended to that file as one JSON line
 // {"path": ..., "body": ...}. `--list-devices` prints CORVANE_FAKE_DEVICES (lines as the real
 // server writes them); with CORVANE_FAKE_FAIL_OFF_CPU set, it exits at once on any --device
-// but "none", as the real one does when a GPU cannot load the model.
+// but "none", as the real one does when a GPU cannot load the model, and with
+// CORVANE_FAKE_SLOW_OFF_CPU set it never gets ready there, as a model read from a slow disk.
 #include <QCoreApplication>
 #include <QFile>
 #include <QHostAddress>
@@ -110,6 +111,8 @@ int main(int argc, char *argv[])
     const QString device = option(arguments, QStringLiteral("--device"));
     if (qEnvironmentVariableIsSet("CORVANE_FAKE_FAIL_OFF_CPU") && device != QLatin1String("none"))
         return 1;
+    if (qEnvironmentVariableIsSet("CORVANE_FAKE_SLOW_OFF_CPU") && device != QLatin1String("none"))
+        return app.exec();
     const QByteArray key = "Bearer " + qgetenv("LLAMA_API_KEY");
     QTcpServer server;
     if (!server.listen(QHostAddress::LocalHost, quint16(option(arguments, QStringLiteral("--port")).toUInt())))

@@ -121,12 +121,14 @@ QCoro::Task<QString> ComputeChoice::load(ModelSpec model, QString modelPath, std
         m_cpuModels.contains(model.id) ? std::nullopt : chooseDevice(m_probe->devices, m_preference);
     m_inference.setDevice(device ? device->name : s_noDevice);
     bool fellBack = false;
+    bool timedOut = false;
     try {
         co_await m_inference.load(modelPath, projectorPath, contextTokens, cancel);
     } catch (const InferenceError &error) {
         if (!device || error.kind() != InferenceError::Case::StartFailed || !alive)
             throw;
         fellBack = true;
+        timedOut = error.timedOut();
     }
     if (fellBack) {
         qCWarning(lcCompute) << model.id << "did not start on" << device->name << "; trying the CPU";
@@ -136,10 +138,16 @@ QCoro::Task<QString> ComputeChoice::load(ModelSpec model, QString modelPath, std
         if (!alive)
             throw CancelledError();
         // Only now is the GPU known to be what failed: a model that fails on the CPU too
-        // (a damaged file) is not kept away from the GPU.
-        m_cpuModels.insert(model.id);
-        storeFallbacks();
-        m_notice = QStringLiteral("%1 could not run on %2, so it runs on the CPU").arg(model.name, device->description);
+        // (a damaged file) is not kept away from the GPU. Nor is one that was still loading
+        // on the GPU when the wait ran out: a cold disk is slow on the first start alone.
+        if (timedOut) {
+            m_notice = QStringLiteral("%1 took too long to start on %2, so it runs on the CPU this time")
+                           .arg(model.name, device->description);
+        } else {
+            m_cpuModels.insert(model.id);
+            storeFallbacks();
+            m_notice = QStringLiteral("%1 could not run on %2, so it runs on the CPU").arg(model.name, device->description);
+        }
     }
     const QString used = label(fellBack ? std::nullopt : device);
     if (m_lastUsed != used) {

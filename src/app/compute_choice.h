@@ -46,7 +46,8 @@ public:
     Q_INVOKABLE void setPreference(const QString &id);
 
     /// Starts the server for `model` on the chosen device. When that fails on a GPU, starts
-    /// it on the CPU, remembers that for the model, and keeps a notice for the status line.
+    /// it on the CPU, remembers that for the model unless the server was only too slow to get
+    /// ready, and keeps a notice for the status line.
     /// Answers the label of what it runs on; throws what InferenceEngine::load throws.
     QCoro::Task<QString> load(ModelSpec model, QString modelPath, std::optional<QString> projectorPath,
                               qint64 contextTokens, CancellationToken cancel);

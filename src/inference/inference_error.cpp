@@ -26,6 +26,13 @@ InferenceError InferenceError::startFailed()
     return {Case::StartFailed, QStringLiteral("The local model could not start")};
 }
 
+InferenceError InferenceError::startTimedOut()
+{
+    InferenceError error = startFailed();
+    error.m_timedOut = true;
+    return error;
+}
+
 InferenceError InferenceError::invalidServerResponse()
 {
     return {Case::InvalidServerResponse, QStringLiteral("The local model returned an invalid response")};

@@ -18,12 +18,16 @@ public:
     Case kind() const { return m_case; }
     /// The HTTP status of RequestFailed (0 when the answer was not HTTP).
     int status() const { return m_status; }
+    /// A StartFailed whose server was still loading when the wait for it ran out, rather than
+    /// one that ended by itself.
+    bool timedOut() const { return m_timedOut; }
 
     static InferenceError requestFailed(int status);
     /// The context size is shown with the user's digit grouping (32,768 in English).
     static InferenceError contextTooLong(qint64 contextTokens);
     static InferenceError missingRuntime();
     static InferenceError startFailed();
+    static InferenceError startTimedOut();
     static InferenceError invalidServerResponse();
     static InferenceError visionUnavailable();
 
@@ -37,4 +41,5 @@ private:
 
     Case m_case;
     int m_status;
+    bool m_timedOut = false;
 };

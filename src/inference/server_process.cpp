@@ -193,7 +193,7 @@ QCoro::Task<> InferenceEngine::load(QString modelPath, std::optional<QString> pr
         if (++attempt == s_probeAttempts) {
             if (stillOurs())
                 shutdown();
-            throw InferenceError::startFailed();
+            throw InferenceError::startTimedOut();
         }
         if (!stillOurs() || process->state() != QProcess::Running)
             throw InferenceError::startFailed();

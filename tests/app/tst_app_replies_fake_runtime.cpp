@@ -1,6 +1,7 @@
 // Replies the real model cannot be made to give, answered by the stand-in llama-server: white
 // space only, text with white space around it, replies about an image, which need a vision
-// projector that cannot be generated here, and a GPU that cannot load the model.
+// projector that cannot be generated here, and a GPU that cannot load the model or is too slow
+// to.
 #include "reply_fixture.h"
 
 #include "app/chat_images.h"
@@ -181,6 +182,41 @@ private Q_SLOTS:
         reply(QStringLiteral("On the CPU"));
         QCOMPARE(f.status(), QStringLiteral("Ready"));
         QCOMPARE(f.db().setting(QStringLiteral("compute_device")), QStringLiteral("cpu"));
+    }
+
+    void aGpuTooSlowToStartIsTriedAgainWithFakeServer()
+    {
+        qputenv("CORVANE_FAKE_REPLY", "Fine.");
+        qputenv("CORVANE_FAKE_DEVICES", "  CUDA0: Stand-in GPU (8192 MiB, 8000 MiB free)\n");
+        qputenv("CORVANE_FAKE_SLOW_OFF_CPU", "1");
+        const auto restore = qScopeGuard([] {
+            qunsetenv("CORVANE_FAKE_DEVICES");
+            qunsetenv("CORVANE_FAKE_SLOW_OFF_CPU");
+        });
+        ReplyFixture f;
+        ComputeChoice &compute = *f.model->compute();
+        QTRY_COMPARE(compute.runsOn(), QStringLiteral("Stand-in GPU (CUDA)"));
+        const qint64 chat = f.newChat();
+        const QString name = f.model->models()->languageModel()->name;
+        const auto deviceOfLastReply = [&] {
+            return f.session().messageMetadata(f.db().messages(chat).last().id).value("device").toString();
+        };
+
+        // The server on the GPU is still not ready when the wait for it ends (half a minute).
+        f.send(QStringLiteral("Hello"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 90000);
+        QVERIFY(!f.model->status()->isError());
+        QCOMPARE(f.status(), name + QStringLiteral(" took too long to start on Stand-in GPU, so it runs on the CPU this time"));
+        QCOMPARE(deviceOfLastReply(), QStringLiteral("CPU"));
+        QVERIFY(!f.db().setting(QStringLiteral("cpu_fallback_models")).value_or(QString()).contains(ReplyFixture::modelID));
+
+        // Not remembered: the next start, quick now, is on the GPU.
+        qunsetenv("CORVANE_FAKE_SLOW_OFF_CPU");
+        f.model->inference().shutdown();
+        f.send(QStringLiteral("Again"));
+        QTRY_VERIFY_WITH_TIMEOUT(f.idle(), 30000);
+        QCOMPARE(f.status(), QStringLiteral("Ready"));
+        QCOMPARE(deviceOfLastReply(), QStringLiteral("Stand-in GPU (CUDA)"));
     }
 
 private:
