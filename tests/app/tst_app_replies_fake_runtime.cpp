@@ -14,6 +14,22 @@
 #include <QScopeGuard>
 #include <QTest>
 
+namespace {
+
+/// The stand-in server lists one CUDA device and, as `behaviour` says, fails on it.
+auto standInGpu(const char *behaviour)
+{
+    qputenv("CORVANE_FAKE_REPLY", "Fine.");
+    qputenv("CORVANE_FAKE_DEVICES", "  CUDA0: Stand-in GPU (8192 MiB, 8000 MiB free)\n");
+    qputenv(behaviour, "1");
+    return qScopeGuard([behaviour] {
+        qunsetenv("CORVANE_FAKE_DEVICES");
+        qunsetenv(behaviour);
+    });
+}
+
+} // namespace
+
 class TestAppRepliesFakeRuntime : public QObject
 {
     Q_OBJECT
@@ -138,13 +154,7 @@ private Q_SLOTS:
 
     void movesToTheCpuWhenTheGpuFailsWithFakeServer()
     {
-        qputenv("CORVANE_FAKE_REPLY", "Fine.");
-        qputenv("CORVANE_FAKE_DEVICES", "  CUDA0: Stand-in GPU (8192 MiB, 8000 MiB free)\n");
-        qputenv("CORVANE_FAKE_FAIL_OFF_CPU", "1");
-        const auto restore = qScopeGuard([] {
-            qunsetenv("CORVANE_FAKE_DEVICES");
-            qunsetenv("CORVANE_FAKE_FAIL_OFF_CPU");
-        });
+        const auto restore = standInGpu("CORVANE_FAKE_FAIL_OFF_CPU");
         ReplyFixture f;
         ComputeChoice &compute = *f.model->compute();
         QTRY_COMPARE(compute.runsOn(), QStringLiteral("Stand-in GPU (CUDA)"));
@@ -186,13 +196,7 @@ private Q_SLOTS:
 
     void aGpuTooSlowToStartIsTriedAgainWithFakeServer()
     {
-        qputenv("CORVANE_FAKE_REPLY", "Fine.");
-        qputenv("CORVANE_FAKE_DEVICES", "  CUDA0: Stand-in GPU (8192 MiB, 8000 MiB free)\n");
-        qputenv("CORVANE_FAKE_SLOW_OFF_CPU", "1");
-        const auto restore = qScopeGuard([] {
-            qunsetenv("CORVANE_FAKE_DEVICES");
-            qunsetenv("CORVANE_FAKE_SLOW_OFF_CPU");
-        });
+        const auto restore = standInGpu("CORVANE_FAKE_SLOW_OFF_CPU");
         ReplyFixture f;
         ComputeChoice &compute = *f.model->compute();
         QTRY_COMPARE(compute.runsOn(), QStringLiteral("Stand-in GPU (CUDA)"));
