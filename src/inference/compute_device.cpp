@@ -8,8 +8,8 @@ namespace {
 
 // The list names devices, not kinds, and the Vulkan module's own line on a device's kind never
 // reaches llama-server's output, whatever the verbosity: integrated parts are known by their
-// names. Intel's only discrete cards are the Arc A and B series and its data
-// centre parts; every other Intel device shares the computer's memory.
+// names. Intel's only discrete cards are the Arc A and B series and its data centre parts;
+// every other Intel device shares the computer's memory.
 bool looksIntegrated(const QString &backend, const QString &description)
 {
     if (backend != QLatin1String("Vulkan"))
