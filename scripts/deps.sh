@@ -105,8 +105,8 @@ fi
 # ---------------------------------------------------------------- llama.cpp
 # No web UI (neither built nor downloaded), no HTTPS and so no model downloads from inside
 # the server. The compute backends are modules that llama-server loads at start from its
-# own folder: every CPU variant (it picks the best one the processor runs) and a GPU module
-# where its toolchain is here. Everything stays private beside llama-server (RPATH $ORIGIN).
+# own folder: every CPU variant (it picks the best one the processor runs) and the GPU
+# modules below. Everything stays private beside llama-server (RPATH $ORIGIN).
 llama_opts=(-DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=ON -DGGML_BACKEND_DL=ON -DGGML_NATIVE=OFF
   -DGGML_CPU_ALL_VARIANTS=ON "-DCMAKE_INSTALL_RPATH=\$ORIGIN" -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON
   -DLLAMA_BUILD_TESTS=ON -DLLAMA_BUILD_TOOLS=ON -DLLAMA_BUILD_SERVER=ON -DLLAMA_BUILD_EXAMPLES=OFF
@@ -161,7 +161,7 @@ want_module() {
         # The CUDA module takes 37 minutes on two cores for one architecture, and several
         # are built, so it is built only where it can run: with the toolkit and the driver.
         cuda) [ -n "$nvcc" ] && [ -e /proc/driver/nvidia/version ] ;;
-        # About ten minutes with its toolchain, once, and it needs nothing at run time but
+        # About seven minutes with its toolchain, once, and it needs nothing at run time but
         # the Vulkan loader, so it is always built: a GPU driver installed later needs no
         # new build, and the tests run it on Mesa's llvmpipe.
         vulkan) true ;;

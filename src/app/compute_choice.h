@@ -36,7 +36,6 @@ public:
 
     /// Asks llama-server for its devices; loads wait for the answer.
     QCoro::Task<> probe(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    bool hasProbed() const { return m_probe.has_value(); }
 
     QVariantList choices() const;
     const QString &preference() const { return m_preference; }

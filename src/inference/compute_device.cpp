@@ -65,7 +65,7 @@ DeviceProbe DeviceProbe::parse(const QByteArray &standardOutput, const QByteArra
     // "  CUDA0: NVIDIA H100 80GB HBM3 (81079 MiB, 80523 MiB free)"; the description may hold
     // parentheses of its own.
     static const QRegularExpression deviceLine(
-        QStringLiteral("^\\s+([A-Za-z]+\\d+): (.+) \\((\\d+) MiB, (\\d+) MiB free\\)\\s*$"));
+        QStringLiteral("^\\s+([A-Za-z]+\\d+): (.+) \\((\\d+) MiB, \\d+ MiB free\\)\\s*$"));
     bool inList = false;
     for (const QString &line : QString::fromUtf8(standardOutput).split(QLatin1Char('\n'))) {
         if (line.startsWith(QLatin1String("Available devices:"))) {
@@ -75,8 +75,7 @@ DeviceProbe DeviceProbe::parse(const QByteArray &standardOutput, const QByteArra
         const QRegularExpressionMatch match = deviceLine.match(line);
         if (!inList || !match.hasMatch())
             continue;
-        ComputeDevice device{match.captured(1), match.captured(2).trimmed(), match.captured(3).toLongLong(),
-                             match.captured(4).toLongLong()};
+        ComputeDevice device{match.captured(1), match.captured(2).trimmed(), match.captured(3).toLongLong()};
         device.integrated = looksIntegrated(device.backend(), device.description);
         device.software = looksSoftware(device.backend(), device.description);
         if (rank(device) >= 0 && !std::ranges::any_of(probe.devices, [&](const ComputeDevice &d) {

@@ -12,7 +12,6 @@ struct ComputeDevice
     QString name;
     QString description;
     qint64 totalMiB = 0;
-    qint64 freeMiB = 0;
     /// Shares the computer's memory rather than having its own.
     bool integrated = false;
     /// A Vulkan driver that runs on the processor (llvmpipe): slower than the CPU code, so

@@ -137,9 +137,6 @@ private Q_SLOTS:
     {
         const DeviceProbe probe = awaitTask(
             probeComputeDevices(AuxiliaryExecutable::find("llama-server"), std::chrono::seconds(30)));
-        // Whatever GPU this machine has, every listed device is one replies can run on.
-        for (const ComputeDevice &device : probe.devices)
-            QVERIFY2(QStringList({"CUDA", "Vulkan"}).contains(device.backend()), qPrintable(device.name));
 #if defined(__x86_64__)
         // Every x86-64 processor runs at least the SSE4.2 build.
         QVERIFY2(cpuLabel(probe.cpuVariant).startsWith("CPU, "), qPrintable(probe.cpuVariant));
